@@ -1,0 +1,46 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+#include <brevane/Kernel.h>
+
+#include "LatencyHistogram.h"
+
+namespace brevane {
+
+/** Calls a model's step on an absolute grid of CLOCK_MONOTONIC, and keeps account of how well that went. */
+class BaseRateLoop {
+ public:
+    /** @param stopTime zero for no end */
+    BaseRateLoop(const Model& model, std::chrono::nanoseconds stopTime,
+                 const std::atomic<bool>& stopRequested);
+
+    /**
+     * Runs on the calling thread until the stop time or a request to stop.
+     *
+     * @throw std::runtime_error with the model's error status; whatever a step throws passes through
+     */
+    void run();
+
+    /** Adds the account to a report. */
+    void describe(RunReport& report) const;
+
+ private:
+    using Clock = std::chrono::steady_clock;
+
+    void countOverrun(std::chrono::nanoseconds stepTime, std::uint64_t skipped);
+
+    const Model& model_;
+    std::chrono::nanoseconds stopTime_;
+    const std::atomic<bool>& stopRequested_;
+
+    LatencyHistogram jitter_;
+    std::chrono::nanoseconds maxStepTime_{0};
+    std::uint64_t steps_ = 0;
+    std::uint64_t overruns_ = 0;
+    std::uint64_t skippedPeriods_ = 0;
+};
+
+}  // namespace brevane

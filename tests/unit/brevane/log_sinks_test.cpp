@@ -1,0 +1,115 @@
+#include "log_sinks.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <pthread.h>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+
+#include <boost/log/sources/record_ostream.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <brevane/Logger.h>
+
+using brevane::addFileSink;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void write(const std::string& text) {
+    BOOST_LOG_CHANNEL_SEV(brevane::Logger::getLogger(), 0, boost::log::trivial::error) << text;
+}
+
+std::string contentOf(const fs::path& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+class LogFile : public testing::Test {
+ protected:
+    LogFile() {
+        char pattern[] = "/tmp/brevane_log_XXXXXX";
+        directory_ = mkdtemp(pattern);
+    }
+    ~LogFile() override { fs::remove_all(directory_); }
+
+    void leave(const std::string& name, const std::string& text) { std::ofstream(directory_ / name) << text; }
+
+    fs::path directory_;
+};
+
+TEST_F(LogFile, StaysWithinItsBoundsAndKeepsTheLastRecords) {
+    leave("brevane.00007.log", "of an earlier run\n");
+    leave("other.log", "not ours\n");
+    addFileSink({directory_, 2000, 2});
+    for (int i = 0; i < 200; ++i) {
+        write("KV: record " + std::to_string(i));
+        EXPECT_THAT(contentOf(directory_ / "brevane.log"), HasSubstr("record " + std::to_string(i) + "\n"));
+    }
+
+    std::size_t ours = 0;
+    for (const auto& file : fs::directory_iterator(directory_)) {
+        EXPECT_LE(file.file_size(), 2000U) << file.path();
+        ours += file.path().filename().string().starts_with("brevane.") ? 1 : 0;
+    }
+    EXPECT_EQ(ours, 3U) << "the file and two old ones";
+    EXPECT_FALSE(fs::exists(directory_ / "brevane.00007.log"));
+    EXPECT_TRUE(fs::exists(directory_ / "other.log"));
+}
+
+TEST_F(LogFile, GoesOnWhereAnEarlierRunEnded) {
+    leave("brevane.log", "of an earlier run\n");
+    addFileSink({directory_, 100'000, 2});
+    write("KV: of this run");
+    EXPECT_THAT(contentOf(directory_ / "brevane.log"),
+                AllOf(StartsWith("of an earlier run\n"), HasSubstr(" error KV: of this run\n")));
+}
+
+TEST_F(LogFile, GoesOnWhenWritingThreadsAreCancelled) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "AddressSanitizer mistakes the stack of a cancelled thread for an overwritten one";
+#endif
+    addFileSink({directory_, 1'000'000, 2});
+    const auto writeForever = [](void*) -> void* {
+        for (;;) {
+            write("KV: busy");
+            pthread_testcancel();
+        }
+    };
+    for (int i = 0; i < 20; ++i) {
+        pthread_t thread{};
+        ASSERT_EQ(pthread_create(&thread, nullptr, writeForever, nullptr), 0);
+        usleep(1000);
+        pthread_cancel(thread);
+        void* result = nullptr;
+        pthread_join(thread, &result);
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+    }
+    write("KV: still here");
+    EXPECT_THAT(contentOf(directory_ / "brevane.log"), EndsWith("KV: still here\n"));
+}
+
+TEST_F(LogFile, IsDoneWithoutWhereTheDirectoryIsMissingOrGone) {
+    const fs::path missing = directory_ / "missing";
+    addFileSink({missing, 1000, 2});
+    write("KV: no file");
+    EXPECT_FALSE(fs::exists(missing));
+
+    const fs::path gone = directory_ / "gone";
+    fs::create_directory(gone);
+    addFileSink({gone, 1000, 2});
+    fs::remove(gone);
+    leave("gone", "a file in its place");
+    EXPECT_NO_THROW(write("KV: lost"));
+}
+
+}  // namespace
