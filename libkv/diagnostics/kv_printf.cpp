@@ -1,0 +1,70 @@
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <exception>
+#include <string_view>
+
+#include <boost/log/core.hpp>
+#include <boost/log/sources/record_ostream.hpp>
+#include <boost/log/trivial.hpp>
+
+#include <brevane/Logger.h>
+#include <kv/diagnostics.h>
+
+namespace {
+
+namespace trivial = boost::log::trivial;
+
+constexpr int kChannel = 0;
+constexpr std::size_t kBufferSize = 512;
+
+bool isSeverity(Severity severity) {
+    return severity >= kv_trace && severity <= kv_error;
+}
+
+/** Emits one line, given with its newline, as one record. */
+void logMsg(Severity severity, std::string_view line) {
+    line.remove_suffix(1);
+    auto& logger = brevane::Logger::getLogger();
+    if (!isSeverity(severity)) {
+        BOOST_LOG_CHANNEL_SEV(logger, kChannel, trivial::error)
+            << "Error occoured during logging, should never land here!";
+        return;
+    }
+    // Boost.Log's trivial levels count as our severities do.
+    BOOST_LOG_CHANNEL_SEV(logger, kChannel, static_cast<trivial::severity_level>(severity)) << "KV: " << line;
+}
+
+}  // namespace
+
+void kv_printf(Severity severity, const char* msg, ...) {
+    // Never destroyed: exit handlers print too.
+    static const auto& core = *new boost::log::core_ptr(boost::log::core::get());
+    if (!core->get_logging_enabled()) {
+        return;
+    }
+
+    std::array<char, kBufferSize> buffer;
+    va_list arguments;
+    va_start(arguments, msg);
+    const int length = std::vsnprintf(buffer.data(), buffer.size(), msg, arguments);
+    va_end(arguments);
+    if (length < 0) {
+        return;
+    }
+
+    std::string_view text(buffer.data());
+    if (text.size() == kBufferSize - 1) {
+        buffer[kBufferSize - 2] = '\n';
+    }
+
+    // Callers rely on incomplete lines staying unwritten, so what follows the last newline is dropped.
+    try {
+        for (auto newline = text.find('\n'); newline != text.npos; newline = text.find('\n')) {
+            logMsg(severity, text.substr(0, newline + 1));
+            text.remove_prefix(newline + 1);
+        }
+    } catch (const std::exception&) {
+        // A failing sink costs the record, not the model.
+    }
+}

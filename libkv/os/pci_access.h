@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <stdexcept>
+
+extern "C" {
+#include <pci/pci.h>
+}
+
+namespace kv::os {
+
+/** A libpci failure after which the call in progress cannot go on. */
+class PciError : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct PciAccessDeleter {
+    void operator()(pci_access* access) const noexcept { pci_cleanup(access); }
+};
+using PciAccessPtr = std::unique_ptr<pci_access, PciAccessDeleter>;
+
+struct PciDeviceDeleter {
+    void operator()(pci_dev* device) const noexcept { pci_free_dev(device); }
+};
+using PciDevicePtr = std::unique_ptr<pci_dev, PciDeviceDeleter>;
+
+/** A libpci message hook that does nothing: unreadable registers show as values of all ones. */
+void nop(char* msg, ...) __attribute__((format(printf, 1, 2)));
+
+/**
+ * Creates and initialises an access object whose fatal errors throw PciError in place of ending the process,
+ * and whose warnings go nowhere. Throws PciError when the machine offers no access to PCI.
+ */
+PciAccessPtr openPciAccess();
+
+/** A handle for one function in domain 0; never empty, also where there is no such function. */
+PciDevicePtr getPciDevice(pci_access& access, unsigned bus, unsigned slot, unsigned function);
+
+/** Whether a function answers at all. */
+bool isPresent(pci_dev& device);
+
+}  // namespace kv::os

@@ -1,0 +1,52 @@
+#include <iterator>
+#include <map>
+
+#include <kv/diagnostics.h>
+
+#include "pci/kv_pci_internal.h"
+
+namespace kv::pci {
+
+BusOrderKey busOrderKey(const pci_dev& device) {
+    return {device.bus, device.dev, device.func};
+}
+
+pci_dev* sortIntoBusOrder(pci_dev* head) {
+    std::multimap<BusOrderKey, pci_dev*> sorted;
+    for (pci_dev* device = head; device != nullptr; device = device->next) {
+        // Among equal keys the place matters to index counting: before the first equal one, but never before
+        // the head of the list.
+        const BusOrderKey key = busOrderKey(*device);
+        const bool equalsHead = !sorted.empty() && sorted.begin()->first == key;
+        sorted.emplace_hint(equalsHead ? std::next(sorted.begin()) : sorted.lower_bound(key), key, device);
+    }
+
+    pci_dev* sortedHead = nullptr;
+    pci_dev** link = &sortedHead;
+    for (const auto& [key, device] : sorted) {
+        *link = device;
+        link = &device->next;
+    }
+    *link = nullptr;
+    return sortedHead;
+}
+
+std::string sysfsAddress(const kv_PCIDevice& device) {
+    return utils::formatString("0000:%02x:%02x.0", device.bus, device.slot);
+}
+
+std::string sysfsPath(const kv_PCIDevice& device, const std::string& name) {
+    return "/sys/bus/pci/devices/" + sysfsAddress(device) + "/" + name;
+}
+
+}  // namespace kv::pci
+
+pci_access* kv_pci_access() {
+    static pci_access* const persistentPciAccess = [] {
+        kv::os::PciAccessPtr access = kv::os::openPciAccess();
+        pci_scan_bus(access.get());
+        access->devices = kv::pci::sortIntoBusOrder(access->devices);
+        return access.release();  // kept open until the process ends
+    }();
+    return persistentPciAccess;
+}

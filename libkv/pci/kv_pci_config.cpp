@@ -1,0 +1,79 @@
+#include <array>
+
+#include <kv/diagnostics.h>
+
+#include "os/unique_fd.h"
+#include "pci/kv_pci_internal.h"
+#include "runtime/kv_root.h"
+
+namespace {
+
+using kv::os::PciAccessPtr;
+using kv::os::PciDevicePtr;
+using kv::pci::orOnFailure;
+
+// Saved in this order; the command register follows as the last element.
+constexpr std::array kSavedDwords = {PCI_BASE_ADDRESS_0, PCI_BASE_ADDRESS_1, PCI_BASE_ADDRESS_2,
+                                     PCI_BASE_ADDRESS_3, PCI_BASE_ADDRESS_4, PCI_BASE_ADDRESS_5,
+                                     PCI_INTERRUPT_LINE};
+constexpr std::size_t kSavedCommand = kSavedDwords.size();
+
+constexpr int kHeaderSize = 64;
+
+/** Runs an operation on function 0 of a board through a fresh access object. False where the board is absent.
+ */
+template <typename Operation>
+bool withPresentDevice(const kv_PCIDevice& board, Operation operation) {
+    return orOnFailure(false, [&] {
+        const PciAccessPtr access = kv::os::openPciAccess();
+        const PciDevicePtr device = kv::os::getPciDevice(*access, board.bus, board.slot, 0);
+        if (!kv::os::isPresent(*device)) {
+            return false;
+        }
+        operation(*device);
+        return true;
+    });
+}
+
+}  // namespace
+
+void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave) {
+    const bool present = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
+        for (std::size_t i = 0; i < kSavedDwords.size(); ++i) {
+            configSave[i] = pci_read_long(&device, kSavedDwords[i]);
+        }
+        configSave[kSavedCommand] = pci_read_word(&device, PCI_COMMAND);
+    });
+    if (!present) {
+        kv_printf(kv_error, "PCI header backup: device not found (bus: %d / slot: %d)\n", pciinfo->bus,
+                  pciinfo->slot);
+    }
+}
+
+void kvPCI_restorePCIConfig(kv_PCIDevice* pciinfo, const uint32_t* configSave) {
+    const kv_beRootObj root;
+    const bool present = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
+        for (std::size_t i = 0; i < kSavedDwords.size(); ++i) {
+            pci_write_long(&device, kSavedDwords[i], configSave[i]);
+        }
+        pci_write_word(&device, PCI_COMMAND, static_cast<u16>(configSave[kSavedCommand]));
+        pci_write_byte(&device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
+    });
+    if (!present) {
+        kv_printf(kv_error, "PCI header restore: device not found (bus: %d / slot: %d)\n", pciinfo->bus,
+                  pciinfo->slot);
+    }
+}
+
+void kvPCI_printPCIConfig(kv_PCIDevice* pciinfo) {
+    (void)withPresentDevice(*pciinfo, [](pci_dev& device) {  // an absent board prints nothing
+        for (int offset = 0; offset < kHeaderSize; offset += 4) {
+            kv_printf(kv_info, "config[0x%x] = 0x%x\n", offset, pci_read_long(&device, offset));
+        }
+    });
+}
+
+int kv_pci_openPciConfig(kv_PCIDevice* pciDev, int flags) {
+    const kv_beRootObj root;
+    return ::open(kv::pci::sysfsPath(*pciDev, "config").c_str(), flags);
+}

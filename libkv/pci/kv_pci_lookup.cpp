@@ -1,0 +1,188 @@
+#include <kv/diagnostics.h>
+
+#include "diagnostics/kv_error_text.h"
+#include "pci/kv_pci_internal.h"
+#include "runtime/kv_root.h"
+
+namespace {
+
+using kv::setErrorText;
+using kv::pci::kFound;
+using kv::pci::kNotFound;
+using kv::pci::orOnFailure;
+
+constexpr int kFillAll = PCI_FILL_IDENT | PCI_FILL_BASES | PCI_FILL_CLASS | PCI_FILL_SIZES;
+constexpr u32 kBarFlagBits = 0xF;
+
+struct Identity {
+    uint16_t vendor;
+    uint16_t device;
+    uint16_t subVendor;
+    uint16_t subDevice;
+};
+
+bool isBoard(const pci_dev& device, const Identity& wanted) {
+    return device.vendor_id == wanted.vendor && device.device_id == wanted.device;
+}
+
+bool subsystemMatches(pci_dev& device, const Identity& wanted) {
+    const auto matches = [&device](uint16_t id, int offset) {
+        return id == KV_PCI_ANY_SUBSYSTEM || pci_read_word(&device, offset) == id;
+    };
+    return matches(wanted.subVendor, PCI_SUBSYSTEM_VENDOR_ID) && matches(wanted.subDevice, PCI_SUBSYSTEM_ID);
+}
+
+/** Lets reads open the configuration file for writing too, so that a read and a write share one descriptor.
+ */
+class ScopedWriteable {
+ public:
+    explicit ScopedWriteable(pci_access& access) : access_(access) { access_.writeable = 1; }
+    ~ScopedWriteable() { access_.writeable = 0; }
+    ScopedWriteable(const ScopedWriteable&) = delete;
+    ScopedWriteable& operator=(const ScopedWriteable&) = delete;
+
+ private:
+    pci_access& access_;
+};
+
+void enableMemoryAndBusMastering(pci_dev& device) {
+    const kv_beRootObj root;
+    const ScopedWriteable writeable(*device.access);
+    const int command = pci_read_word(&device, PCI_COMMAND) | PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER;
+    pci_write_word(&device, PCI_COMMAND, static_cast<u16>(command));
+}
+
+/** libpci takes a field as known from the first attempt on, also where that failed: forget what it holds then. */
+void fillInfo(pci_dev& device, int fields) {
+    try {
+        pci_fill_info(&device, fields);
+    } catch (const kv::os::PciError&) {
+        device.known_fields = 0;
+        throw;
+    }
+}
+
+void fillRecord(pci_dev& device, uint32_t ordinal, kv_PCIDevice& record) {
+    fillInfo(device, kFillAll);
+    record.dev = &device;
+    record.VendorId = device.vendor_id;
+    record.DeviceId = device.device_id;
+    record.bus = device.bus;
+    record.slot = device.dev;
+    for (unsigned bar = 0; bar < KV_PCI_BARS; ++bar) {
+        record.BaseAddress_raw[bar] = device.base_addr[bar];
+        record.BaseAddress[bar] = static_cast<u32>(device.base_addr[bar]) & ~kBarFlagBits;
+        record.Length[bar] = static_cast<u32>(device.size[bar]);
+    }
+    record.pciIdx = ordinal;
+}
+
+int findByIndex(const Identity& wanted, int position, kv_PCIDevice& record) {
+    int counter = 0;
+    for (pci_dev* device = kv_pci_access()->devices; device != nullptr; device = device->next) {
+        enableMemoryAndBusMastering(*device);
+        fillInfo(*device, PCI_FILL_IDENT);
+        if (!isBoard(*device, wanted) || !subsystemMatches(*device, wanted)) {
+            continue;
+        }
+        ++counter;
+        if (position <= counter) {
+            fillRecord(*device, static_cast<uint32_t>(counter), record);
+            return kFound;
+        }
+    }
+    return kNotFound;
+}
+
+int findAtSlot(const Identity& wanted, uint16_t bus, uint16_t slot, kv_PCIDevice& record) {
+    const kv::os::PciAccessPtr access = kv::os::openPciAccess();
+    pci_scan_bus(access.get());
+    uint32_t skipped = 0;
+    pci_dev* taken = nullptr;
+    for (pci_dev* device = access->devices; device != nullptr && taken == nullptr; device = device->next) {
+        pci_write_byte(device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
+        fillInfo(*device, PCI_FILL_IDENT);
+        if (!isBoard(*device, wanted)) {
+            continue;
+        }
+        if (device->bus == bus && device->dev == slot && subsystemMatches(*device, wanted)) {
+            taken = device;
+        } else {
+            ++skipped;
+        }
+    }
+    if (taken == nullptr) {
+        return kNotFound;
+    }
+    fillRecord(*taken, skipped,
+               record);  // record.dev dies with the access object: callers use the other fields only
+    return kFound;
+}
+
+}  // namespace
+
+int kvPCI_getDeviceByIdx(uint16_t vendorId, uint16_t deviceId, uint16_t subVendorId, uint16_t subDeviceId,
+                         int moduleId, kv_PCIDevice* pPciInfo) {
+    kv_printf(kv_debug, "Looking for VID 0x%04x DID 0x%04x at index %d\n", vendorId, deviceId, moduleId);
+    return orOnFailure(kNotFound, [&] {
+        return findByIndex({vendorId, deviceId, subVendorId, subDeviceId}, moduleId, *pPciInfo);
+    });
+}
+
+int kvPCI_getDeviceAtSlot(uint16_t vendorId, uint16_t deviceId, uint16_t subVendorId, uint16_t subDeviceId,
+                          uint16_t Bus, uint16_t Slot, kv_PCIDevice* pPciInfo) {
+    return orOnFailure(kNotFound, [&] {
+        return findAtSlot({vendorId, deviceId, subVendorId, subDeviceId}, Bus, Slot, *pPciInfo);
+    });
+}
+
+int kv_findPciDevice(kv_PCIDevice* pPciInfo, const char* pDevNameStr, uint16_t vendorId, uint16_t deviceId,
+                     uint16_t subVendorId, uint16_t subDeviceId, int ModuleId, int Bus, int Slot) {
+    if (Slot < 0) {
+        kv_printf(kv_debug, "Find PCI device in autosearch mode\n");
+        if (kvPCI_getDeviceByIdx(vendorId, deviceId, subVendorId, subDeviceId, ModuleId, pPciInfo) !=
+            kFound) {
+            setErrorText("%.127s ID%i: Module not found", pDevNameStr, ModuleId);
+            return kNotFound;
+        }
+    } else {
+        kv_printf(kv_debug, "Find PCI device in explicit mode\n");
+        if (Bus < 0) {
+            setErrorText("%.127s ID%i: Invalid PCI bus argument: %i", pDevNameStr, ModuleId, Bus);
+            return kNotFound;
+        }
+        const int result =
+            kvPCI_getDeviceAtSlot(vendorId, deviceId, subVendorId, subDeviceId, static_cast<uint16_t>(Bus),
+                                  static_cast<uint16_t>(Slot), pPciInfo);
+        if (result != kFound) {
+            setErrorText("%.127s ID%i: Not found at bus %i, slot %i (rc:%i)", pDevNameStr, ModuleId, Bus,
+                         Slot, result);
+            return kNotFound;
+        }
+    }
+    kv_printf(kv_debug, "%.127s ID%i: Found at bus %i, slot %i\n", pDevNameStr, ModuleId, pPciInfo->bus,
+              pPciInfo->slot);
+    return kFound;
+}
+
+int kv_detectPciDevice(kv_PCIDevice* pPciInfo, const char* pDevNameStr, uint16_t vendorId, uint16_t deviceId,
+                       uint16_t subVendorId, uint16_t subDeviceId, int ModuleId) {
+    if (kvPCI_getDeviceByIdx(vendorId, deviceId, subVendorId, subDeviceId, ModuleId, pPciInfo) != kFound) {
+        setErrorText("%.127s pciIDxPlusOne%i: Module not found", pDevNameStr, ModuleId);
+        return kNotFound;
+    }
+    return kFound;
+}
+
+int kv_detectPciDeviceAtSlot(kv_PCIDevice* pPciInfo, const char* pDevNameStr, uint16_t vendorId,
+                             uint16_t deviceId, uint16_t subVendorId, uint16_t subDeviceId, int Bus,
+                             int Slot) {
+    const int result =
+        kvPCI_getDeviceAtSlot(vendorId, deviceId, subVendorId, subDeviceId, static_cast<uint16_t>(Bus),
+                              static_cast<uint16_t>(Slot), pPciInfo);
+    if (result != kFound) {
+        setErrorText("%.127s not found at bus %i, slot %i (rc:%i)", pDevNameStr, Bus, Slot, result);
+        return kNotFound;
+    }
+    return kFound;
+}

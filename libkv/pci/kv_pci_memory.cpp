@@ -1,0 +1,115 @@
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <sys/mman.h>
+
+#include <kv/diagnostics.h>
+
+#include "os/unique_fd.h"
+#include "pci/kv_pci_internal.h"
+#include "runtime/kv_root.h"
+
+namespace {
+
+using kv::os::openFile;
+using kv::os::UniqueFd;
+
+constexpr const char* kMemoryDevice = "/dev/mem";
+constexpr std::size_t kEnableTextSize = 9;
+
+UniqueFd openOrWarn(const std::string& path, int flags) {
+    UniqueFd file = openFile(path, flags);
+    if (!file) {
+        kv_printf(kv_warning, "Failed to open %s: %s\n", path.c_str(), std::strerror(errno));
+    }
+    return file;
+}
+
+/** Empty when the file could not be read, which is then logged. */
+std::optional<bool> isPciDeviceEnabled(const std::string& enableFile) {
+    const UniqueFd file = openOrWarn(enableFile, O_RDONLY);
+    if (!file) {
+        return std::nullopt;
+    }
+    std::array<char, kEnableTextSize + 1> text{};
+    if (::read(file.get(), text.data(), kEnableTextSize) < 0) {
+        kv_printf(kv_warning, "Failed to read %s: %s\n", enableFile.c_str(), std::strerror(errno));
+        return std::nullopt;
+    }
+    return std::strtol(text.data(), nullptr, 10) != 0;
+}
+
+void setPciDeviceEnable(const std::string& enableFile) {
+    const UniqueFd file = openOrWarn(enableFile, O_RDWR);
+    if (file && ::write(file.get(), "1", 1) < 0) {
+        kv_printf(kv_warning, "Failed to write %s: %s\n", enableFile.c_str(), std::strerror(errno));
+    }
+}
+
+void* reportMapFailure(int error) {
+    kv_printf(kv_error, "Failed opening PCI device: %s\n", std::strerror(error));
+    return nullptr;
+}
+
+}  // namespace
+
+void* kv_mapMemory(kv_PCIDevice* dev, uint32_t bar) {
+    if (bar >= KV_PCI_BARS) {
+        return reportMapFailure(EINVAL);
+    }
+    const kv_beRootObj root;
+
+    const std::string enableFile = kv::pci::sysfsPath(*dev, "enable");
+    if (isPciDeviceEnabled(enableFile) == false) {
+        setPciDeviceEnable(enableFile);
+    }
+
+    const std::string resourceFile = kv::pci::sysfsPath(*dev, "resource" + std::to_string(bar));
+    kv_printf(kv_debug, "Opening: %s\n", resourceFile.c_str());
+    UniqueFd file = openFile(resourceFile, O_RDWR);
+    if (!file) {
+        return reportMapFailure(errno);
+    }
+
+    // The resource file maps whole pages from the BAR's first byte; a BAR inside a page is reached by its
+    // address.
+    const auto pageSize = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
+    const uint32_t lead = dev->BaseAddress[bar] % pageSize;
+    off_t offset = 0;
+    if (lead != 0) {
+        file = openFile(kMemoryDevice, O_RDWR);
+        offset = dev->BaseAddress[bar] - lead;
+    }
+    if (!file) {
+        return reportMapFailure(errno);
+    }
+    void* mapping = ::mmap(nullptr, std::size_t{dev->Length[bar]} + lead, PROT_READ | PROT_WRITE, MAP_SHARED,
+                           file.get(), offset);
+    if (mapping == MAP_FAILED) {
+        return reportMapFailure(errno);
+    }
+    auto* firstByte = static_cast<std::byte*>(mapping) + lead;
+    dev->VirtAddress[bar] = reinterpret_cast<uintptr_t>(firstByte);
+    return firstByte;
+}
+
+void* kv_mapIo(kv_PCIDevice* /*device*/, uint32_t /*bar*/) {
+    kv_printf(kv_error, "%s() not implemented for aarch64\n", __func__);
+    return nullptr;
+}
+
+void kv_showPciDevice(kv_PCIDevice* pDev) {
+    kv_printf(kv_info, "VendorId = 0x%x, DeviceId = 0x%x\n", pDev->VendorId, pDev->DeviceId);
+    kv_printf(kv_info, "Subsystem Device ID = 0x%x\nSubsystem Vendor ID = 0x%x\n", pDev->SubDeviceId,
+              pDev->SubVendorId);
+    kv_printf(kv_info, "bus = %d, slot = %d\n", pDev->bus, pDev->slot);
+    kv_printf(
+        kv_info,
+        "    Phys   Virtual   Length IO/Mem\n");  // readers know this heading; the rows have no such column
+    for (unsigned bar = 0; bar < KV_PCI_BARS; ++bar) {
+        kv_printf(kv_info, "%08x %08x %08x\n", pDev->BaseAddress[bar],
+                  static_cast<uint32_t>(pDev->VirtAddress[bar]), pDev->Length[bar]);
+    }
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+namespace kv::test {
+
+/**
+ * While it lives, the n-th call of malloc or realloc that the objects under test make fails, counted from 0;
+ * the others succeed. The test program links with --wrap for both.
+ */
+class FailingAllocation {
+ public:
+    explicit FailingAllocation(int n);
+    ~FailingAllocation();
+    FailingAllocation(const FailingAllocation&) = delete;
+    FailingAllocation& operator=(const FailingAllocation&) = delete;
+
+    /** Whether that call was reached. */
+    [[nodiscard]] static bool happened();
+};
+
+}  // namespace kv::test
