@@ -33,6 +33,15 @@ void nop(char* msg, ...) __attribute__((format(printf, 1, 2)));
  */
 PciAccessPtr openPciAccess();
 
+/** Fills the object's device list. Throws PciError when the list cannot be read or names something else. */
+void scanBus(pci_access& access);
+
+/**
+ * Fills fields of a device (PCI_FILL_...). Throws PciError when they cannot be read; the device then counts
+ * as not filled at all, so that a later call reads again.
+ */
+void fillInfo(pci_dev& device, int fields);
+
 /** A handle for one function in domain 0; never empty, also where there is no such function. */
 PciDevicePtr getPciDevice(pci_access& access, unsigned bus, unsigned slot, unsigned function);
 

@@ -44,7 +44,7 @@ std::string sysfsPath(const kv_PCIDevice& device, const std::string& name) {
 pci_access* kv_pci_access() {
     static pci_access* const persistentPciAccess = [] {
         kv::os::PciAccessPtr access = kv::os::openPciAccess();
-        pci_scan_bus(access.get());
+        kv::os::scanBus(*access);
         access->devices = kv::pci::sortIntoBusOrder(access->devices);
         return access.release();  // kept open until the process ends
     }();

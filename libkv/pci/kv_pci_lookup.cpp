@@ -52,18 +52,8 @@ void enableMemoryAndBusMastering(pci_dev& device) {
     pci_write_word(&device, PCI_COMMAND, static_cast<u16>(command));
 }
 
-/** libpci takes a field as known from the first attempt on, also where that failed: forget what it holds then. */
-void fillInfo(pci_dev& device, int fields) {
-    try {
-        pci_fill_info(&device, fields);
-    } catch (const kv::os::PciError&) {
-        device.known_fields = 0;
-        throw;
-    }
-}
-
 void fillRecord(pci_dev& device, uint32_t ordinal, kv_PCIDevice& record) {
-    fillInfo(device, kFillAll);
+    kv::os::fillInfo(device, kFillAll);
     record.dev = &device;
     record.VendorId = device.vendor_id;
     record.DeviceId = device.device_id;
@@ -81,7 +71,7 @@ int findByIndex(const Identity& wanted, int position, kv_PCIDevice& record) {
     int counter = 0;
     for (pci_dev* device = kv_pci_access()->devices; device != nullptr; device = device->next) {
         enableMemoryAndBusMastering(*device);
-        fillInfo(*device, PCI_FILL_IDENT);
+        kv::os::fillInfo(*device, PCI_FILL_IDENT);
         if (!isBoard(*device, wanted) || !subsystemMatches(*device, wanted)) {
             continue;
         }
@@ -96,12 +86,12 @@ int findByIndex(const Identity& wanted, int position, kv_PCIDevice& record) {
 
 int findAtSlot(const Identity& wanted, uint16_t bus, uint16_t slot, kv_PCIDevice& record) {
     const kv::os::PciAccessPtr access = kv::os::openPciAccess();
-    pci_scan_bus(access.get());
+    kv::os::scanBus(*access);
     uint32_t skipped = 0;
     pci_dev* taken = nullptr;
     for (pci_dev* device = access->devices; device != nullptr && taken == nullptr; device = device->next) {
         pci_write_byte(device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
-        fillInfo(*device, PCI_FILL_IDENT);
+        kv::os::fillInfo(*device, PCI_FILL_IDENT);
         if (!isBoard(*device, wanted)) {
             continue;
         }
