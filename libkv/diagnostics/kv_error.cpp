@@ -31,7 +31,11 @@ using MessageBuffer = char[KV_ERROR_MSG_SIZE];
  * build. */
 int formatOrAbort(MessageBuffer& buffer, const char* format, va_list arguments) {
     const int length = std::vsnprintf(buffer, sizeof buffer, format, arguments);
-    if (length < 0 || static_cast<std::size_t>(length) >= sizeof buffer) {
+    if (length < 0) {
+        buffer[0] = '\0';  // a text that cannot be encoded is not too long
+        return 0;
+    }
+    if (static_cast<std::size_t>(length) >= sizeof buffer) {
         std::abort();
     }
     return length;

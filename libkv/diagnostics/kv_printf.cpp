@@ -22,6 +22,11 @@ bool isSeverity(Severity severity) {
     return severity >= kv_trace && severity <= kv_error;
 }
 
+bool loggingEnabled() {
+    static const boost::log::core& core = *boost::log::core::get();  // the kernel's logger keeps it alive
+    return core.get_logging_enabled();
+}
+
 /** Emits one line, given with its newline, as one record. */
 void logMsg(Severity severity, std::string_view line) {
     line.remove_suffix(1);
@@ -38,9 +43,7 @@ void logMsg(Severity severity, std::string_view line) {
 }  // namespace
 
 void kv_printf(Severity severity, const char* msg, ...) {
-    // Never destroyed: exit handlers print too.
-    static const auto& core = *new boost::log::core_ptr(boost::log::core::get());
-    if (!core->get_logging_enabled()) {
+    if (!loggingEnabled()) {
         return;
     }
 
@@ -59,12 +62,12 @@ void kv_printf(Severity severity, const char* msg, ...) {
     }
 
     // Callers rely on incomplete lines staying unwritten, so what follows the last newline is dropped.
-    try {
-        for (auto newline = text.find('\n'); newline != text.npos; newline = text.find('\n')) {
+    for (auto newline = text.find('\n'); newline != text.npos; newline = text.find('\n')) {
+        try {
             logMsg(severity, text.substr(0, newline + 1));
-            text.remove_prefix(newline + 1);
+        } catch (const std::exception&) {
+            // A failing sink costs this record, not the model and not the next line.
         }
-    } catch (const std::exception&) {
-        // A failing sink costs the record, not the model.
+        text.remove_prefix(newline + 1);
     }
 }

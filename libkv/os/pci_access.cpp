@@ -3,8 +3,9 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <dirent.h>
 #include <string>
+
+#include "os/directory.h"
 
 namespace kv::os {
 
@@ -25,21 +26,15 @@ void throwPciError(char* msg, ...) {
 
 constexpr u16 kAbsentVendorId = 0xFFFF;
 
-constexpr const char* kDevicesDirectory = "/sys/bus/pci/devices";
-
 // An exception through libpci's frames leaves open what libpci has open. Of its failures two come while it
 // reads a file of the system, so these files are checked before it reads them.
-
-struct DirectoryCloser {
-    void operator()(DIR* directory) const noexcept { closedir(directory); }
-};
 
 struct FileCloser {
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
 };
 
 void checkDeviceNames() {
-    const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(kDevicesDirectory));
+    const DirectoryPtr directory = openDirectory(kPciDevicesDirectory);
     if (!directory) {
         return;  // libpci tells
     }
@@ -50,14 +45,14 @@ void checkDeviceNames() {
         int function = 0;
         if (entry->d_name[0] != '.' &&
             std::sscanf(entry->d_name, "%x:%x:%x.%d", &domain, &bus, &slot, &function) < 4) {
-            throw PciError(std::string("no PCI address: ") + kDevicesDirectory + "/" + entry->d_name);
+            throw PciError(std::string("no PCI address: ") + kPciDevicesDirectory + "/" + entry->d_name);
         }
     }
 }
 
 void checkResources(const pci_dev& device) {
     std::array<char, 128> text;
-    std::snprintf(text.data(), text.size(), "%s/%04x:%02x:%02x.%d/resource", kDevicesDirectory,
+    std::snprintf(text.data(), text.size(), "%s/%04x:%02x:%02x.%d/resource", kPciDevicesDirectory,
                   static_cast<unsigned>(device.domain), device.bus, device.dev, device.func);
     const std::string path = text.data();
     const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));

@@ -9,6 +9,8 @@ extern "C" {
 
 namespace kv::os {
 
+constexpr const char* kPciDevicesDirectory = "/sys/bus/pci/devices";
+
 /** A libpci failure after which the call in progress cannot go on. */
 class PciError : public std::runtime_error {
     using std::runtime_error::runtime_error;

@@ -39,8 +39,12 @@ class UniqueFd {
 };
 
 /** Opens a file that exists. The result is empty on failure, with the reason in errno. */
+inline UniqueFd openFile(const char* path, int flags) noexcept {
+    return UniqueFd(::open(path, flags | O_CLOEXEC));
+}
+
 inline UniqueFd openFile(const std::string& path, int flags) noexcept {
-    return UniqueFd(::open(path.c_str(), flags | O_CLOEXEC));
+    return openFile(path.c_str(), flags);
 }
 
 }  // namespace kv::os

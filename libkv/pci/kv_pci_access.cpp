@@ -1,7 +1,7 @@
+#include <cstdarg>
+#include <cstdio>
 #include <iterator>
 #include <map>
-
-#include <kv/diagnostics.h>
 
 #include "pci/kv_pci_internal.h"
 
@@ -31,12 +31,19 @@ pci_dev* sortIntoBusOrder(pci_dev* head) {
     return sortedHead;
 }
 
-std::string sysfsAddress(const kv_PCIDevice& device) {
-    return utils::formatString("0000:%02x:%02x.0", device.bus, device.slot);
+SysfsText::SysfsText(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text_.data(), text_.size(), format, arguments);
+    va_end(arguments);
 }
 
-std::string sysfsPath(const kv_PCIDevice& device, const std::string& name) {
-    return "/sys/bus/pci/devices/" + sysfsAddress(device) + "/" + name;
+SysfsText sysfsAddress(const kv_PCIDevice& device) {
+    return SysfsText("0000:%02x:%02x.0", device.bus, device.slot);
+}
+
+SysfsText sysfsPath(const kv_PCIDevice& device, const char* name) {
+    return SysfsText("%s/0000:%02x:%02x.0/%s", os::kPciDevicesDirectory, device.bus, device.slot, name);
 }
 
 }  // namespace kv::pci

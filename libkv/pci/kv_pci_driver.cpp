@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 
 #include <kv/diagnostics.h>
 
@@ -12,14 +11,14 @@ namespace {
 
 using kv::os::openFile;
 using kv::os::UniqueFd;
-using kv::utils::formatString;
+using kv::pci::SysfsText;
 
 constexpr const char* kProbeFile = "/sys/bus/pci/drivers_probe";
 
 /** Hands a board's address to the kernel. What the kernel makes of it is not examined: see kv/pci.h. */
 void writeAddress(const UniqueFd& file, const kv_PCIDevice& board) {
-    const std::string address = kv::pci::sysfsAddress(board);
-    (void)!::write(file.get(), address.data(), address.size());
+    const SysfsText address = kv::pci::sysfsAddress(board);
+    (void)!::write(file.get(), address.c_str(), std::strlen(address.c_str()));
 }
 
 }  // namespace
@@ -30,8 +29,8 @@ int kv_pci_unbindDriver(kv_PCIDevice* device) {
         return -1;
     }
     const kv_beRootObj root;
-    const std::string path = kv::pci::sysfsPath(*device, "driver/unbind");
-    const UniqueFd file = openFile(path, O_WRONLY);
+    const SysfsText path = kv::pci::sysfsPath(*device, "driver/unbind");
+    const UniqueFd file = openFile(path.c_str(), O_WRONLY);
     if (!file) {
         const int error = errno;
         if (error == ENOENT) {
@@ -52,8 +51,8 @@ int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName) {
     }
     const kv_beRootObj root;
     (void)kv_pci_unbindDriver(device);  // the board may be free already
-    const std::string path = formatString("/sys/bus/pci/drivers/%s/bind", driverName);
-    const UniqueFd file = openFile(path, O_WRONLY);
+    const SysfsText path("/sys/bus/pci/drivers/%.255s/bind", driverName);
+    const UniqueFd file = openFile(path.c_str(), O_WRONLY);
     if (!file) {
         kv_printf(kv_info, "Could not open bind file %s for writing.\n", path.c_str());
         return -1;

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <exception>
-#include <string>
 #include <tuple>
 
 #include <kv/pci.h>
@@ -28,11 +28,22 @@ pci_dev* sortIntoBusOrder(pci_dev* head);
 constexpr int kFound = 0;
 constexpr int kNotFound = 1;
 
+/** A path or address of bounded length. */
+class SysfsText {
+ public:
+    explicit SysfsText(const char* format, ...) KV_PRINTF_LIKE(2, 3);
+
+    [[nodiscard]] const char* c_str() const noexcept { return text_.data(); }
+
+ private:
+    std::array<char, 320> text_;  // a file name has at most 255 characters
+};
+
 /** The sysfs address of function 0 of a board: 0000:BB:SS.0. */
-std::string sysfsAddress(const kv_PCIDevice& device);
+SysfsText sysfsAddress(const kv_PCIDevice& device);
 
 /** The path of a file of function 0 of a board: /sys/bus/pci/devices/0000:BB:SS.0/NAME. */
-std::string sysfsPath(const kv_PCIDevice& device, const std::string& name);
+SysfsText sysfsPath(const kv_PCIDevice& device, const char* name);
 
 /** Runs an operation on libpci; where libpci or memory gives up midway the result is @p failed. */
 template <typename Result, typename Operation>

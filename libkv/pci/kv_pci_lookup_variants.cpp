@@ -26,7 +26,7 @@ struct Variants {
 std::vector<kv_PCIDevice> collectBoards(const Variants& variants) {
     std::vector<kv_PCIDevice> boards;
     for (size_t variant = 0; variant < variants.count; ++variant) {
-        // The index has always had eight bits: a variant's 256th board is out of reach.
+        // The index has eight bits; where they wrap, after 255 boards of one identity, the search ends.
         for (uint8_t index = 1; index != 0; ++index) {
             kv_PCIDevice board{};
             if (kvPCI_getDeviceByIdx(variants.vendor[variant], variants.device[variant],

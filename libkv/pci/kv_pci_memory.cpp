@@ -15,12 +15,13 @@ namespace {
 
 using kv::os::openFile;
 using kv::os::UniqueFd;
+using kv::pci::SysfsText;
 
 constexpr const char* kMemoryDevice = "/dev/mem";
 constexpr std::size_t kEnableTextSize = 9;
 
-UniqueFd openOrWarn(const std::string& path, int flags) {
-    UniqueFd file = openFile(path, flags);
+UniqueFd openOrWarn(const SysfsText& path, int flags) {
+    UniqueFd file = openFile(path.c_str(), flags);
     if (!file) {
         kv_printf(kv_warning, "Failed to open %s: %s\n", path.c_str(), std::strerror(errno));
     }
@@ -28,7 +29,7 @@ UniqueFd openOrWarn(const std::string& path, int flags) {
 }
 
 /** Empty when the file could not be read, which is then logged. */
-std::optional<bool> isPciDeviceEnabled(const std::string& enableFile) {
+std::optional<bool> isPciDeviceEnabled(const SysfsText& enableFile) {
     const UniqueFd file = openOrWarn(enableFile, O_RDONLY);
     if (!file) {
         return std::nullopt;
@@ -41,7 +42,7 @@ std::optional<bool> isPciDeviceEnabled(const std::string& enableFile) {
     return std::strtol(text.data(), nullptr, 10) != 0;
 }
 
-void setPciDeviceEnable(const std::string& enableFile) {
+void setPciDeviceEnable(const SysfsText& enableFile) {
     const UniqueFd file = openOrWarn(enableFile, O_RDWR);
     if (file && ::write(file.get(), "1", 1) < 0) {
         kv_printf(kv_warning, "Failed to write %s: %s\n", enableFile.c_str(), std::strerror(errno));
@@ -61,14 +62,14 @@ void* kv_mapMemory(kv_PCIDevice* dev, uint32_t bar) {
     }
     const kv_beRootObj root;
 
-    const std::string enableFile = kv::pci::sysfsPath(*dev, "enable");
+    const SysfsText enableFile = kv::pci::sysfsPath(*dev, "enable");
     if (isPciDeviceEnabled(enableFile) == false) {
         setPciDeviceEnable(enableFile);
     }
 
-    const std::string resourceFile = kv::pci::sysfsPath(*dev, "resource" + std::to_string(bar));
+    const SysfsText resourceFile = kv::pci::sysfsPath(*dev, SysfsText("resource%u", bar).c_str());
     kv_printf(kv_debug, "Opening: %s\n", resourceFile.c_str());
-    UniqueFd file = openFile(resourceFile, O_RDWR);
+    UniqueFd file = openFile(resourceFile.c_str(), O_RDWR);
     if (!file) {
         return reportMapFailure(errno);
     }
@@ -79,6 +80,7 @@ void* kv_mapMemory(kv_PCIDevice* dev, uint32_t bar) {
     const uint32_t lead = dev->BaseAddress[bar] % pageSize;
     off_t offset = 0;
     if (lead != 0) {
+        file.reset();
         file = openFile(kMemoryDevice, O_RDWR);
         offset = dev->BaseAddress[bar] - lead;
     }
@@ -105,9 +107,8 @@ void kv_showPciDevice(kv_PCIDevice* pDev) {
     kv_printf(kv_info, "Subsystem Device ID = 0x%x\nSubsystem Vendor ID = 0x%x\n", pDev->SubDeviceId,
               pDev->SubVendorId);
     kv_printf(kv_info, "bus = %d, slot = %d\n", pDev->bus, pDev->slot);
-    kv_printf(
-        kv_info,
-        "    Phys   Virtual   Length IO/Mem\n");  // readers know this heading; the rows have no such column
+    // The heading names a column that the rows do not have; readers know it so.
+    kv_printf(kv_info, "    Phys   Virtual   Length IO/Mem\n");
     for (unsigned bar = 0; bar < KV_PCI_BARS; ++bar) {
         kv_printf(kv_info, "%08x %08x %08x\n", pDev->BaseAddress[bar],
                   static_cast<uint32_t>(pDev->VirtAddress[bar]), pDev->Length[bar]);

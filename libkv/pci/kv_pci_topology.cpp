@@ -3,18 +3,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <memory>
 #include <new>
 #include <vector>
 
+#include "os/directory.h"
 #include "pci/kv_pci_internal.h"
 
 namespace {
 
 using kv::os::PciDevicePtr;
-
-constexpr const char* kDevicesDirectory = "/sys/bus/pci/devices";
 
 constexpr unsigned kBuses = 256;
 constexpr unsigned kFunctionsPerBus = 256;
@@ -23,10 +21,6 @@ constexpr int kHeaderSize = 64;
 constexpr std::size_t kInterfaceTypeSize = 13;
 
 constexpr u32 kMultiFunctionBit = 0x80;
-
-struct DirectoryCloser {
-    void operator()(DIR* directory) const noexcept { closedir(directory); }
-};
 
 /** Memory that callers get: from malloc, and never null. */
 template <typename Record>
@@ -44,9 +38,9 @@ class Candidates {
     /** Every address, or where libpci reads sysfs those that sysfs lists: one directory read saves all other
      * probes. */
     explicit Candidates(const pci_access& access) {
-        std::unique_ptr<DIR, DirectoryCloser> directory;
+        kv::os::DirectoryPtr directory;
         if (access.method == PCI_ACCESS_SYS_BUS_PCI) {
-            directory.reset(opendir(kDevicesDirectory));
+            directory = kv::os::openDirectory(kv::os::kPciDevicesDirectory);
         }
         if (!directory) {
             functions_.set();
@@ -208,10 +202,12 @@ const char* bridgeText(uint32_t headerType) {
 }
 
 void printBranch(unsigned depth, const kv_topo_node* nodes, uint32_t n) {
-    const std::string indent(depth, '\t');
     for (const kv_topo_node* node = nodes; node != nodes + n; ++node) {
-        std::printf("%s%02d,%02d,%02d\t-\tVID: %04x, DID: %04x, %s\t\t%s\t%s\n", indent.c_str(), node->bus,
-                    node->slot, node->func, node->VID, node->DID, node->interfaceType, node->MF ? "(MF)" : "",
+        for (unsigned tab = 0; tab < depth; ++tab) {
+            std::putchar('\t');
+        }
+        std::printf("%02d,%02d,%02d\t-\tVID: %04x, DID: %04x, %s\t\t%s\t%s\n", node->bus, node->slot,
+                    node->func, node->VID, node->DID, node->interfaceType, node->MF ? "(MF)" : "",
                     bridgeText(node->headerType));
         if (node->headerType == PCI_HEADER_TYPE_BRIDGE) {
             const auto* bridge = reinterpret_cast<const kv_topo_bridge*>(node->customData);

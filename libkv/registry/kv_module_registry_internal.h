@@ -30,7 +30,7 @@ namespace kv::registry {
 
 /**
  * Frees all blocks of a module that is about to go, without resetting its block_registry. The pointer arrays
- * are left allocated, which kv_block_unregister() does not do; the difference is kept.
+ * are left allocated, unlike by kv_block_unregister(), so that one which a driver still holds stays valid.
  */
 void cleanup_block_registry(const kv_mod_info& module);
 

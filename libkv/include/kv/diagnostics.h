@@ -2,9 +2,10 @@
  * @file
  * Diagnostics: log records, the log file, the shared failure text and the error object of a block.
  *
- * Every function here may be called from any thread, real-time threads included, but none is meant for the
- * per-step path of a model: they allocate and may block on the kernel's log sinks. A KvError belongs to one
- * block and is not locked; pKvErrorStr is one unlocked buffer for the whole process.
+ * kv_printf(), kv_log() and kv::utils::formatString() may be called from any thread, real-time threads
+ * included, but are not meant for the per-step path of a model: they allocate, and block on the kernel's log
+ * sinks or on the file. A KvError belongs to one block and is not locked; pKvErrorStr is one unlocked buffer
+ * for the whole process.
  */
 #ifndef KV_DIAGNOSTICS_H
 #define KV_DIAGNOSTICS_H
@@ -46,10 +47,13 @@ extern KV_EXPORT char pKvErrorStr[KV_ERROR_STR_SIZE];
 KV_EXPORT void kv_printf(Severity severity, const char* msg, ...) KV_PRINTF_LIKE(2, 3);
 
 /**
- * Appends one time-stamped line to /home/brvn/logs/kvlog.log, apart from the kernel's log.
+ * Appends one time-stamped line to /home/brvn/logs/kvlog.log, apart from the kernel's log:
  *
- * The file is opened and closed by each call. Nothing is reported when it cannot be opened for appending; the
- * line is then lost.
+ *     2024-03-05 14:07:09.000042 [42] [info   ] message
+ *
+ * with the local time, the severity padded to seven characters, and two constants where a fraction and a
+ * number could be. The file is opened and closed by each call. Nothing is reported when it cannot be opened
+ * for appending; the line is then lost, though an empty file may be created.
  *
  * @param severity  kv_trace to kv_error; not range-checked
  * @param msg       the text of the line, without a newline

@@ -27,7 +27,7 @@ KV_BEGIN_DECLS
 /** One PCI board. The caller allocates it, a look-up fills it, kv_mapMemory() adds the addresses. */
 typedef struct _kv_PCIDevice {
     void* dev;                              /**< libpci's device handle */
-    void* hdl;                              /**< the caller's; the library never touches it */
+    void* hdl;                              /**< the caller's */
     uint32_t bus;                           /**< bus number */
     uint32_t slot;                          /**< device number on the bus */
     uintptr_t BaseAddress_raw[KV_PCI_BARS]; /**< BARs as libpci reports them, flag bits included */
@@ -36,8 +36,8 @@ typedef struct _kv_PCIDevice {
     uintptr_t VirtAddress[KV_PCI_BARS];     /**< process address of each mapped BAR */
     uint16_t VendorId;
     uint16_t DeviceId;
-    uint16_t SubDeviceId; /**< the caller's; look-ups leave it alone */
-    uint16_t SubVendorId; /**< the caller's; look-ups leave it alone */
+    uint16_t SubDeviceId; /**< the caller's */
+    uint16_t SubVendorId; /**< the caller's */
     uint32_t pciIdx;      /**< ordinal under which the look-up found the board */
 } kv_PCIDevice;
 
@@ -67,8 +67,7 @@ typedef struct _kv_topo_bridge {
     kv_topo_node* children; /**< array of nChildren nodes */
 } kv_topo_bridge;
 
-/* ---- Topology
- * -------------------------------------------------------------------------------------------------- */
+/* ---- Topology ---- */
 
 /**
  * Scans a bus and all buses behind its bridges.
@@ -87,13 +86,16 @@ KV_EXPORT int32_t kv_getPciTopology(kv_topo_node** topo);
 /** Prints the tree of @p n nodes to standard output, one line a function, children one tab further in. */
 KV_EXPORT void kv_printPciTopology(kv_topo_node* topo, uint32_t n);
 
-/* ---- Look-up
- * ---------------------------------------------------------------------------------------------------
+/* ---- Look-up ----
  *
- * A look-up fills dev, bus, slot, the three BAR arrays, VendorId, DeviceId and pciIdx. As a side effect it
- * switches on memory space and bus mastering of every device that it visits. All return 0 when the board was
- * found and 1 when it was not or an argument was bad; the record may then be partly filled. Block names are
- * cut at 127 characters.
+ * A look-up fills dev, bus, slot, the three BAR arrays, VendorId, DeviceId and pciIdx, and leaves the rest of
+ * the record to the caller. All return 0 when the board was found and 1 when it was not, an argument was bad
+ * or PCI could not be read; the record may then be partly filled. Block names are cut at 127 characters.
+ *
+ * As a side effect every device that is visited on the way, bridges and strangers included, is enabled in its
+ * command register. By index: memory space and bus mastering are added, with root rights. At a slot: they
+ * replace the low byte, so that I/O space goes off, without root rights; where the process has none, nothing
+ * changes.
  */
 
 /**
@@ -140,14 +142,14 @@ KV_EXPORT int kv_detectPciDeviceAtSlot(kv_PCIDevice* pPciInfo, const char* pDevN
  *
  * At a bus and slot the first identity that is there wins. Where @p Slot is negative, the boards of all
  * identities are put in (bus, slot) order and the one at position @p PciAutosearchPos, counted from 1, is
- * taken; at most 255 boards of each identity are seen. pKvErrorStr as above.
+ * taken; at most 255 boards of each identity are seen. The record is then replaced as a whole: fields that
+ * are the caller's become 0. pKvErrorStr as above.
  */
 KV_EXPORT int kv_findPciDeviceMultiIDs(kv_PCIDevice* pPciInfo, const char* pDevNameStr, size_t nDevs,
                                        uint16_t* pVendorId, uint16_t* pDeviceId, uint16_t* pSubVendorId,
                                        uint16_t* pSubDeviceId, int PciAutosearchPos, int Bus, int Slot);
 
-/* ---- Memory and configuration space
- * ---------------------------------------------------------------------------- */
+/* ---- Memory and configuration space ---- */
 
 /**
  * Maps a BAR into the process, shared, readable and writable; the mapping stays until the process ends.
@@ -168,14 +170,16 @@ KV_EXPORT void kv_showPciDevice(kv_PCIDevice* pDev);
 
 /**
  * Saves the part of the configuration header that a reset of the board loses. Uses only bus and slot of the
- * record.
+ * record. Where no function 0 answers there, that is logged at kv_error and nothing is saved.
  *
  * @param configSave  receives eight words: the six BARs, the dword at 0x3C, the command register
  */
 KV_EXPORT void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave);
 
-/** Writes back what kvPCI_backupPCIConfig() saved; memory space and bus mastering are on afterwards, I/O
- * space off. */
+/**
+ * Writes back what kvPCI_backupPCIConfig() saved; memory space and bus mastering are on afterwards, I/O space
+ * off. Where no function 0 answers there, that is logged at kv_error and nothing is written.
+ */
 KV_EXPORT void kvPCI_restorePCIConfig(kv_PCIDevice* pciinfo, const uint32_t* configSave);
 
 /** Logs the 64-byte standard configuration header at kv_info. Does nothing when there is no such device. */
@@ -189,8 +193,7 @@ KV_EXPORT void kvPCI_printPCIConfig(kv_PCIDevice* pciinfo);
  */
 KV_EXPORT int kv_pci_openPciConfig(kv_PCIDevice* pciDev, int flags);
 
-/* ---- Drivers
- * ---------------------------------------------------------------------------------------------------
+/* ---- Drivers ----
  *
  * These write the board's address to a file of the kernel. 0 says that the file could be opened; whether the
  * kernel accepts the address is not examined. -1 is logged at kv_info, also for a null device.

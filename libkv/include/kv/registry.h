@@ -3,12 +3,13 @@
  * Registry of the I/O modules of a model and of the blocks that use them.
  *
  * A module is known by (type, id); under each module, blocks are known by (block type, block id) or by a
- * 64-bit unique id. Every look-up is two array indexes. Arrays grow to exactly the index needed and never
- * shrink while their owner lives, so ids stay stable; choose small ids.
+ * 64-bit unique id. A look-up by id is two array indexes; one by unique id walks the blocks of its type.
+ * Arrays grow to exactly the index needed and never shrink while their owner lives, so ids stay stable;
+ * choose small ids.
  *
  * The registry exists from the first registration until the last module is unregistered. Nothing is locked:
  * registration, removal and look-ups belong to the model's initialisation and termination, which run on one
- * thread. No function blocks.
+ * thread. Look-ups never block; registration and removal write log records and may block as kv_printf() does.
  *
  * Registration failures leave their reason in pKvErrorStr. All records belong to the registry and come from
  * malloc; callers may read them and may write the fields marked as the driver's. Each record's custom_data
@@ -62,7 +63,7 @@ typedef struct _kv_mod_info {
 typedef kv_mod_info** kv_mod_list;
 
 /**
- * Registers a module.
+ * Registers a module. The array for the largest type or id, 0xFFFFFFFF, counts as more than memory holds.
  *
  * @return the new module; null when it is registered already or memory is exhausted, with the reason in
  * pKvErrorStr
@@ -84,14 +85,16 @@ KV_EXPORT void* kv_module_get_custom_data(uint32_t mod_type, uint32_t mod_id);
 KV_EXPORT void* kv_module_alloc_custom_data(kv_mod_info* module, uint32_t nBytes);
 
 /**
- * Lists one module or all modules of a type.
+ * Lists one module, or all modules of a type.
  *
- * @param modules   receives an array from malloc, which the caller frees; untouched when the result is 0
- * because the type has no list
- * @param mod_type  module type
- * @param mod_id    a module id, which gives an array of one element whether the module is found or not; or a
- * negative value for all modules of the type in ascending id order, which needs a registry that is not empty
- * @return the number of modules written to the array
+ * With a module id the array has one element, which is set where the module is found. With a negative id it
+ * holds all modules of the type in ascending id order; where the type has no list, no array is made and
+ * *modules is untouched. A negative id needs a registry that is not empty: with an empty one the process ends
+ * (SIGSEGV).
+ *
+ * @param modules  receives the array, which comes from malloc and is freed by the caller; null when memory is
+ *                 exhausted
+ * @return the number of modules in the array
  */
 KV_EXPORT int32_t kv_module_get(kv_mod_list* modules, uint32_t mod_type, int32_t mod_id);
 

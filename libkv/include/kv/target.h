@@ -3,7 +3,8 @@
  * What machine the library runs on: hardware family, marketing name, serial numbers and processor
  * temperature.
  *
- * All functions are reentrant, hold no state and read their files anew on each call.
+ * All functions are reentrant and hold no state. Those that read a file open it anew on each call and may
+ * block on it.
  */
 #ifndef KV_TARGET_H
 #define KV_TARGET_H
@@ -50,8 +51,9 @@ KV_EXPORT const char* kv_getTargetMarketingName(void);
 /**
  * Reads the processor temperature from /sys/class/hwmon/hwmon0/temp1_input (millidegrees Celsius).
  *
- * @return whole degrees Celsius, truncated toward zero; -1 when the file cannot be read or is empty. A
- * temperature between -1.999 and -1 degrees gives -1 too. A text that is no number gives 0.
+ * @return whole degrees Celsius, truncated toward zero; -1 when the file is missing, which is logged at
+ * kv_error, or empty, which is not. A temperature between -1.999 and -1 degrees gives -1 too. A text that is
+ * no number gives 0.
  */
 KV_EXPORT int32_t kv_getCpuTemperature(void);
 

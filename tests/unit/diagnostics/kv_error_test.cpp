@@ -76,6 +76,10 @@ TEST_F(KvErrorDeathTest, EndsTheProcessWhereATextDoesNotFitAndNoSooner) {
     kvError_setPreamble(error_.get(), name.c_str(), "B", 1);
     EXPECT_EQ(kvError_getMsg(error_.get()), "In " + name + ", B block, ID 1: ");
 
+    const wchar_t unencodable[] = {static_cast<wchar_t>(0x110000), 0};
+    kvError_setMsg(error_.get(), "%ls", unencodable);
+    EXPECT_STREQ(error_->errorMsg, "") << "a text that cannot be encoded is empty, not too long";
+
     const auto aborted = testing::KilledBySignal(SIGABRT);
     EXPECT_EXIT(kvError_setMsg(error_.get(), "%s", tooLong.c_str()), aborted, "");
     EXPECT_EXIT(kvError_extractMsg(error_.get(), (":" + tooLong).c_str()), aborted, "");

@@ -1,6 +1,11 @@
 #include <cstddef>
+#include <stdexcept>
+#include <utility>
 
 #include <boost/log/core.hpp>
+#include <boost/log/sinks/basic_sink_backend.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
+#include <boost/make_shared.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -74,6 +79,29 @@ TEST(KvPrintf, DropsAMessageThatCannotBeFormatted) {
     const wchar_t unencodable[] = {static_cast<wchar_t>(0x110000), 0};
     kv_printf(kv_error, "%ls\n", unencodable);
     EXPECT_THAT(log.take(), IsEmpty());
+}
+
+/** Fails for the first record that it gets. */
+class FailingOnceBackend
+    : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
+ public:
+    void consume(const boost::log::record_view& /*record*/) {
+        if (!std::exchange(failed_, true)) {
+            throw std::runtime_error("disk full");
+        }
+    }
+
+ private:
+    bool failed_ = false;
+};
+
+TEST(KvPrintf, LosesOnlyTheRecordThatASinkFailsFor) {
+    boost::log::core::get()->add_sink(
+        boost::make_shared<boost::log::sinks::synchronous_sink<FailingOnceBackend>>());
+    LogCapture log;
+    kv_printf(kv_info, "a\nb\nc\n");
+    EXPECT_THAT(log.take(), testing::IsSupersetOf({info("b"), info("c")}));
+    boost::log::core::get()->remove_all_sinks();
 }
 
 TEST(KvPrintf, IsSilentWhileTheLoggingCoreIsDisabled) {

@@ -6,20 +6,23 @@
 
 #include "pci/kv_pci_internal.h"
 
-using kv::pci::busOrderKey;
-
 namespace {
+
+/** Bus, device, function; the domain does not count. */
+int placeOf(const pci_dev& device) {
+    return device.bus << 8 | device.dev << 3 | device.func;
+}
 
 /** The order as it is defined: insertion into a growing sorted list. */
 std::vector<const pci_dev*> insertOneByOne(const std::vector<pci_dev>& devices) {
     std::list<const pci_dev*> sorted;
     for (const pci_dev& device : devices) {
-        if (sorted.empty() || busOrderKey(*sorted.front()) > busOrderKey(device)) {
+        if (sorted.empty() || placeOf(*sorted.front()) > placeOf(device)) {
             sorted.push_front(&device);
             continue;
         }
         auto place = std::next(sorted.begin());
-        while (place != sorted.end() && busOrderKey(**place) < busOrderKey(device)) {
+        while (place != sorted.end() && placeOf(**place) < placeOf(device)) {
             ++place;
         }
         sorted.insert(place, &device);
@@ -46,6 +49,7 @@ TEST(PciBusOrder, EqualsInsertionOneByOneAlsoForEqualAddresses) {
     for (int round = 0; round < 2000; ++round) {
         std::vector<pci_dev> devices(random() % 12);
         for (pci_dev& device : devices) {
+            device.domain = static_cast<int>(random() % 2);
             device.bus = static_cast<u8>(random() % 3);
             device.dev = static_cast<u8>(random() % 2);
             device.func = static_cast<u8>(random() % 2);

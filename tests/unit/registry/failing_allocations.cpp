@@ -6,6 +6,7 @@ namespace {
 
 constexpr int kNever = -1;
 int callsUntilFailure = kNever;
+long live = 0;
 
 bool failsNow() {
     return callsUntilFailure >= 0 && callsUntilFailure-- == 0;
@@ -16,14 +17,26 @@ bool failsNow() {
 extern "C" {
 void* __real_malloc(std::size_t size);
 void* __real_realloc(void* memory, std::size_t size);
+void __real_free(void* memory);
 void* __wrap_malloc(std::size_t size);
 void* __wrap_realloc(void* memory, std::size_t size);
+void __wrap_free(void* memory);
 
 void* __wrap_malloc(std::size_t size) {
-    return failsNow() ? nullptr : __real_malloc(size);
+    void* made = failsNow() ? nullptr : __real_malloc(size);
+    live += made != nullptr ? 1 : 0;
+    return made;
 }
+
 void* __wrap_realloc(void* memory, std::size_t size) {
-    return failsNow() ? nullptr : __real_realloc(memory, size);
+    void* made = failsNow() ? nullptr : __real_realloc(memory, size);
+    live += memory == nullptr && made != nullptr ? 1 : 0;
+    return made;
+}
+
+void __wrap_free(void* memory) {
+    live -= memory != nullptr ? 1 : 0;
+    __real_free(memory);
 }
 }
 
@@ -39,6 +52,10 @@ FailingAllocation::~FailingAllocation() {
 
 bool FailingAllocation::happened() {
     return callsUntilFailure == kNever;
+}
+
+long liveAllocations() {
+    return live;
 }
 
 }  // namespace kv::test

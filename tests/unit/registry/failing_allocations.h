@@ -4,7 +4,8 @@ namespace kv::test {
 
 /**
  * While it lives, the n-th call of malloc or realloc that the objects under test make fails, counted from 0;
- * the others succeed. The test program links with --wrap for both.
+ * the others succeed. The test program links with
+ * --wrap for malloc, realloc and free.
  */
 class FailingAllocation {
  public:
@@ -16,5 +17,8 @@ class FailingAllocation {
     /** Whether that call was reached. */
     [[nodiscard]] static bool happened();
 };
+
+/** Pieces of memory that the objects under test have from malloc and have not freed. */
+long liveAllocations();
 
 }  // namespace kv::test

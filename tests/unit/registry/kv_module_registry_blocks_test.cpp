@@ -5,9 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <kv/diagnostics.h>
-#include <kv/registry.h>
 
 #include "support/log_capture.h"
+#include "unit/registry/registry_test.h"
 
 using kv::test::debug;
 using kv::test::LogCapture;
@@ -16,9 +16,15 @@ using testing::ElementsAre;
 
 namespace {
 
-class BlockRegistry : public testing::Test {
+class BlockRegistry : public kv::test::RegistryTest {
  protected:
-    kv_mod_info* module_ = kv_module_register(1, 7);
+    void SetUp() override {
+        RegistryTest::SetUp();
+        module_ = kv_module_register(1, 7);
+        log_.take();
+    }
+
+    kv_mod_info* module_ = nullptr;
     LogCapture log_;
 };
 

@@ -7,14 +7,16 @@
 
 #include <kv/diagnostics.h>
 
-#include "registry/kv_module_registry_internal.h"
 #include "unit/registry/failing_allocations.h"
+#include "unit/registry/registry_test.h"
 
 using kv::test::FailingAllocation;
 
 namespace {
 
-TEST(RegistryOutOfMemory, NamesTheModuleAllocationThatFailedAndSucceedsAfterwards) {
+using RegistryOutOfMemory = kv::test::RegistryTest;
+
+TEST_F(RegistryOutOfMemory, NamesTheModuleAllocationThatFailedAndSucceedsAfterwards) {
     const std::array reasons = {"Failed to allocate memory for module registry\n",
                                 "Failed to allocate memory for new module type list\n",
                                 "Failed to allocate memory for module list\n",
@@ -38,7 +40,7 @@ TEST(RegistryOutOfMemory, NamesTheModuleAllocationThatFailedAndSucceedsAfterward
     }
 }
 
-TEST(RegistryOutOfMemory, NamesTheBlockAllocationThatFailedAndSucceedsAfterwards) {
+TEST_F(RegistryOutOfMemory, NamesTheBlockAllocationThatFailedAndSucceedsAfterwards) {
     const std::array reasons = {
         "Failed to allocate memory for block registry\n",
         "Failed to allocate memory for new block type list\n", "Failed to allocate memory for block list\n",
@@ -61,7 +63,19 @@ TEST(RegistryOutOfMemory, NamesTheBlockAllocationThatFailedAndSucceedsAfterwards
     }
 }
 
-TEST(RegistryOutOfMemory, ListsNoModulesOfAListLeftEmptyByAFailure) {
+TEST_F(RegistryOutOfMemory, IsNotBroughtAboutByBlocksThatComeAndGo) {
+    kv_mod_info* module = kv_module_register(0, 0);
+    const long before = kv::test::liveAllocations();
+    kv_block_register(module, 2, 5);
+    kv_block_unregister(module, 2, 5);
+    EXPECT_EQ(kv::test::liveAllocations(), before) << "the last block takes all that was made for it";
+
+    kv_block_register(module, 2, 5);
+    kv_module_unregister(0, 0);
+    EXPECT_EQ(kv::test::liveAllocations(), before - 5 + 2) << "a module leaves the two arrays of its blocks";
+}
+
+TEST_F(RegistryOutOfMemory, ListsNoModulesOfAListLeftEmptyByAFailure) {
     {
         const FailingAllocation failure(4);
         EXPECT_EQ(kv_module_register(1, 2), nullptr);
@@ -73,11 +87,12 @@ TEST(RegistryOutOfMemory, ListsNoModulesOfAListLeftEmptyByAFailure) {
     ASSERT_NE(kv_module_register(1, 0), nullptr) << "the list is still usable";
 }
 
-TEST(RegistryOutOfMemory, CoversTheLargestIndexThatHasNoSuccessor) {
+TEST_F(RegistryOutOfMemory, CoversTheLargestIndexThatHasNoSuccessor) {
     EXPECT_EQ(kv_module_register(std::numeric_limits<uint32_t>::max(), 0), nullptr);
     EXPECT_STREQ(pKvErrorStr, "Failed to allocate memory for new module type list\n");
     EXPECT_EQ(kv_module_register(0, std::numeric_limits<uint32_t>::max()), nullptr);
     EXPECT_STREQ(pKvErrorStr, "Failed to allocate memory for new module list\n");
+    ASSERT_NE(kv_module_register(0, 0), nullptr) << "which lets the registry go again";
 }
 
 }  // namespace

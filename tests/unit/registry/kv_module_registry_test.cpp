@@ -6,8 +6,8 @@
 
 #include <kv/diagnostics.h>
 
-#include "registry/kv_module_registry_internal.h"
 #include "support/log_capture.h"
+#include "unit/registry/registry_test.h"
 
 using kv::test::debug;
 using kv::test::LogCapture;
@@ -17,12 +17,14 @@ using testing::IsEmpty;
 
 namespace {
 
+using ModuleRegistry = kv::test::RegistryTest;
+
 struct Free {
     void operator()(void* memory) const { std::free(memory); }
 };
 using OwnedModuleList = std::unique_ptr<kv_mod_info*, Free>;
 
-TEST(ModuleRegistry, GrowsToExactlyTheIndexNeededAndSaysSo) {
+TEST_F(ModuleRegistry, GrowsToExactlyTheIndexNeededAndSaysSo) {
     LogCapture log;
     const kv_mod_info* module = kv_module_register(5, 3);
     ASSERT_NE(module, nullptr);
@@ -61,7 +63,7 @@ TEST(ModuleRegistry, GrowsToExactlyTheIndexNeededAndSaysSo) {
     EXPECT_THAT(log.take(), IsEmpty()) << "look-ups are silent";
 }
 
-TEST(ModuleRegistry, RefusesADuplicateAndLeavesTheFirstAlone) {
+TEST_F(ModuleRegistry, RefusesADuplicateAndLeavesTheFirstAlone) {
     kv_mod_info* first = kv_module_register(1, 1);
     first->pci_bus = 7;
     LogCapture log;
@@ -73,7 +75,7 @@ TEST(ModuleRegistry, RefusesADuplicateAndLeavesTheFirstAlone) {
     EXPECT_EQ(module_registry->nModules, 1U);
 }
 
-TEST(ModuleRegistry, ListsTheModulesOfATypeInAscendingIdOrder) {
+TEST_F(ModuleRegistry, ListsTheModulesOfATypeInAscendingIdOrder) {
     kv_mod_info* nine = kv_module_register(2, 9);
     kv_mod_info* one = kv_module_register(2, 1);
     kv_mod_info* four = kv_module_register(2, 4);
@@ -92,7 +94,7 @@ TEST(ModuleRegistry, ListsTheModulesOfATypeInAscendingIdOrder) {
     EXPECT_EQ(list, &untouched);
 }
 
-TEST(ModuleRegistry, HandsBackAnArrayForASingleModuleEvenWhereItIsMissing) {
+TEST_F(ModuleRegistry, HandsBackAnArrayForASingleModuleEvenWhereItIsMissing) {
     kv_mod_list list = nullptr;
     EXPECT_EQ(kv_module_get(&list, 2, 4), 0) << "an empty registry is no obstacle for a single module";
     EXPECT_NE(list, nullptr);
@@ -104,7 +106,7 @@ TEST(ModuleRegistry, HandsBackAnArrayForASingleModuleEvenWhereItIsMissing) {
     EXPECT_EQ(list[0], module);
 }
 
-TEST(ModuleRegistry, KeepsTheDriversDataUntouched) {
+TEST_F(ModuleRegistry, KeepsTheDriversDataUntouched) {
     kv_mod_info* module = kv_module_register(0, 0);
     void* data = kv_module_alloc_custom_data(module, 64);
     ASSERT_NE(data, nullptr);
@@ -116,7 +118,7 @@ TEST(ModuleRegistry, KeepsTheDriversDataUntouched) {
     static_cast<char*>(data)[63] = 1;  // still the driver's after its module has gone
 }
 
-TEST(ModuleRegistry, DisappearsWithItsLastModuleAndStartsAfresh) {
+TEST_F(ModuleRegistry, DisappearsWithItsLastModuleAndStartsAfresh) {
     kv_module_register(3, 0);
     kv_module_register(3, 2);
     kv_module_register(1, 0);

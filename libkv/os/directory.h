@@ -1,0 +1,18 @@
+#pragma once
+
+#include <dirent.h>
+#include <memory>
+
+namespace kv::os {
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const noexcept { closedir(directory); }
+};
+using DirectoryPtr = std::unique_ptr<DIR, DirectoryCloser>;
+
+/** Opens a directory for reading. The result is empty on failure, with the reason in errno. */
+inline DirectoryPtr openDirectory(const char* path) noexcept {
+    return DirectoryPtr(::opendir(path));
+}
+
+}  // namespace kv::os
