@@ -1,0 +1,299 @@
+#include "kvsim/description_reader.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "description/checks.h"
+#include "description/yaml_section.h"
+#include "layout/format.h"
+
+namespace kvsim {
+
+namespace {
+
+constexpr std::streamsize kMaxFileSize = 1 << 20;
+constexpr std::size_t kMaxFunctions = 256UL * 32 * 8;  // buses, slots, functions
+
+/** Vendor and device as people write them: "8086:1533". */
+std::pair<std::uint16_t, std::uint16_t> readIdentity(const YAML::Node& node, const std::string& name) {
+    const std::string text = readText(node, name);
+    unsigned vendor = 0;
+    unsigned device = 0;
+    int length = 0;
+    const bool isIdentity =
+        text.size() == 9 && std::sscanf(text.c_str(), "%4x:%4x%n", &vendor, &device, &length) == 2;
+    if (!isIdentity || length != 9) {
+        throw DescriptionError(
+            name + ": \"" + text + "\" is no pair of four hexadecimal digits each, as in 8086:1533",
+            positionOf(node));
+    }
+    return {static_cast<std::uint16_t>(vendor), static_cast<std::uint16_t>(device)};
+}
+
+bool readSwitch(const YAML::Node& node, const std::string& name) {
+    const std::string text = readText(node, name);
+    if (text != "true" && text != "false") {
+        throw DescriptionError(name + ": \"" + text + "\" is neither true nor false", positionOf(node));
+    }
+    return text == "true";
+}
+
+/** Attribute and information files end their line, which nobody writes in a description. */
+std::string asLine(std::string text) {
+    if (!text.ends_with('\n')) {
+        text += '\n';
+    }
+    return text;
+}
+
+std::map<std::string, std::string> readLines(const YAML::Node& node, const std::string& name) {
+    auto texts = readTexts(node, name);
+    for (auto& [key, text] : texts) {
+        text = asLine(text);
+    }
+    return texts;
+}
+
+std::vector<ClassDevice> readClassDevices(const YAML::Node& list) {
+    std::vector<ClassDevice> devices;
+    forEach(list, "devices", [&devices](const YAML::Node& node) {
+        const YamlSection section(node, "a device", {"class", "name", "attributes"});
+        ClassDevice device{.className = section.text("class"), .name = section.text("name")};
+        device.position = section.position();
+        if (section.has("attributes")) {
+            device.attributes = readLines(section.required("attributes"), "attributes");
+        }
+        devices.push_back(std::move(device));
+    });
+    return devices;
+}
+
+BarSpace readSpace(const YAML::Node& node) {
+    const std::string text = readText(node, "space");
+    if (text == "memory") {
+        return BarSpace::Memory;
+    }
+    if (text == "prefetchable") {
+        return BarSpace::PrefetchableMemory;
+    }
+    if (text == "io") {
+        return BarSpace::Io;
+    }
+    throw DescriptionError("space: \"" + text + "\" is none of memory, prefetchable, io", positionOf(node));
+}
+
+std::map<std::uint32_t, std::uint32_t> readRegisters(const YAML::Node& map) {
+    if (!map.IsMap()) {
+        throw DescriptionError("registers must be a map from offsets to values", positionOf(map));
+    }
+    std::map<std::uint32_t, std::uint32_t> registers;
+    for (const auto& entry : map) {
+        const auto offset = static_cast<std::uint32_t>(readNumber(entry.first, "offset", 0, UINT32_MAX));
+        const auto value = static_cast<std::uint32_t>(readNumber(entry.second, "register", 0, UINT32_MAX));
+        if (!registers.emplace(offset, value).second) {
+            throw DescriptionError("the register is given twice", positionOf(entry.first));
+        }
+    }
+    return registers;
+}
+
+Bar readBar(const YAML::Node& node) {
+    const YamlSection section(node, "a BAR", {"index", "address", "size", "space", "registers"});
+    Bar bar{.index = section.number<unsigned>("index"),
+            .address = section.number<std::uint64_t>("address"),
+            .sizeBytes = section.number<std::uint64_t>("size")};
+    bar.position = section.position();
+    if (section.has("space")) {
+        bar.space = readSpace(section.required("space"));
+    }
+    if (section.has("registers")) {
+        bar.registers = readRegisters(section.required("registers"));
+    }
+    return bar;
+}
+
+ExpressCapability readExpress(const YAML::Node& node) {
+    const YamlSection section(node, "express", {"version", "width"});
+    ExpressCapability express;
+    section.optionalNumber("version", express.version);
+    section.optionalNumber("width", express.linkWidth);
+    return express;
+}
+
+/** Reads the functions of one bus, each followed by those of the bus that it leads to. */
+class PciReader {
+ public:
+    explicit PciReader(std::vector<PciFunction>& functions) : functions_(functions) {}
+
+    void readBus(const YAML::Node& list, const char* key, std::uint8_t bus) {
+        forEach(list, key, [this, bus](const YAML::Node& node) { readFunction(node, bus); });
+    }
+
+ private:
+    void readFunction(const YAML::Node& node, std::uint8_t bus) {
+        const YamlSection section(node, "a PCI function",
+                                  {"slot", "function", "id", "subsystem", "class", "revision", "irq",
+                                   "driver", "enabled", "express", "bars", "devices", "leads-to", "behind"});
+        if (functions_.size() == kMaxFunctions) {
+            throw DescriptionError(format("there are more than %zu PCI functions", kMaxFunctions),
+                                   section.position());
+        }
+        PciFunction function{.bus = bus, .slot = section.number<std::uint8_t>("slot")};
+        function.position = section.position();
+        std::tie(function.vendor, function.device) = readIdentity(section.required("id"), "id");
+        section.optionalNumber("function", function.function);
+        section.optionalNumber("revision", function.revision);
+        section.optionalNumber("irq", function.irq);
+        section.optionalText("driver", function.driver);
+        if (section.has("subsystem")) {
+            std::tie(function.subsystemVendor, function.subsystemDevice) =
+                readIdentity(section.required("subsystem"), "subsystem");
+        }
+        if (section.has("enabled")) {
+            function.enabled = readSwitch(section.required("enabled"), "enabled");
+        }
+        if (section.has("express")) {
+            function.express = readExpress(section.required("express"));
+        }
+        if (section.has("bars")) {
+            forEach(section.required("bars"), "bars",
+                    [&function](const YAML::Node& bar) { function.bars.push_back(readBar(bar)); });
+        }
+        if (section.has("devices")) {
+            function.classDevices = readClassDevices(section.required("devices"));
+        }
+        if (section.has("leads-to")) {
+            // Bus numbers grow from bridge to bridge, which also ends a list that holds itself.
+            function.secondaryBus = section.number<std::uint8_t>("leads-to", bus + 1);
+            function.classCode = kBridgeClassCode;
+        }
+        section.optionalNumber("class", function.classCode);
+        functions_.push_back(function);
+        if (section.has("behind")) {
+            const YAML::Node behind = section.required("behind");
+            if (!function.secondaryBus) {
+                throw DescriptionError("what is behind this bridge needs its bus number: leads-to is missing",
+                                       positionOf(behind));
+            }
+            readBus(behind, "behind", *function.secondaryBus);
+        }
+    }
+
+    std::vector<PciFunction>& functions_;
+};
+
+std::vector<PlatformDevice> readPlatformDevices(const YAML::Node& list) {
+    std::vector<PlatformDevice> devices;
+    forEach(list, "platform", [&devices](const YAML::Node& node) {
+        const YamlSection section(node, "a platform device", {"name", "attributes", "devices"});
+        PlatformDevice device{.name = section.text("name")};
+        device.position = section.position();
+        if (section.has("attributes")) {
+            device.attributes = readLines(section.required("attributes"), "attributes");
+        }
+        if (section.has("devices")) {
+            device.classDevices = readClassDevices(section.required("devices"));
+        }
+        devices.push_back(std::move(device));
+    });
+    return devices;
+}
+
+std::vector<PlainFile> readFiles(const YAML::Node& list) {
+    std::vector<PlainFile> files;
+    forEach(list, "files", [&files](const YAML::Node& node) {
+        const YamlSection section(node, "a file", {"path", "text"});
+        files.push_back(
+            {.path = section.text("path"), .text = section.text("text"), .position = section.position()});
+    });
+    return files;
+}
+
+MachineDescription readMachine(const YAML::Node& document) {
+    const YamlSection section(document, "a machine",
+                              {"summary", "cpus", "temperature", "serial-number", "system-information",
+                               "pci-drivers", "pci", "platform", "files"});
+    MachineDescription machine;
+    machine.summary = section.text("summary");
+    if (section.has("cpus")) {
+        machine.cpus = section.number<unsigned>("cpus", 1, kMaxCpus);
+    }
+    section.optionalNumber("temperature", machine.temperatureMilliCelsius);
+    if (section.has("serial-number")) {
+        machine.serialNumber = asLine(section.text("serial-number"));
+    }
+    if (section.has("system-information")) {
+        const YAML::Node information = section.required("system-information");
+        for (const auto& [name, text] : readLines(information, "system-information")) {
+            requireFileName(name, "a system-information file", positionOf(information));
+            machine.systemInformation[name] = text;
+        }
+    }
+    if (section.has("pci-drivers")) {
+        forEach(section.required("pci-drivers"), "pci-drivers", [&machine](const YAML::Node& driver) {
+            machine.pciDrivers.push_back(readText(driver, "a driver"));
+            requireFileName(machine.pciDrivers.back(), "a driver", positionOf(driver));
+        });
+    }
+    if (section.has("pci")) {
+        PciReader(machine.pciFunctions).readBus(section.required("pci"), "pci", 0);
+    }
+    if (section.has("platform")) {
+        machine.platformDevices = readPlatformDevices(section.required("platform"));
+    }
+    if (section.has("files")) {
+        machine.files = readFiles(section.required("files"));
+    }
+    return machine;
+}
+
+std::string readWhole(const std::filesystem::path& file) {
+    std::error_code unknown;
+    errno = std::filesystem::is_directory(file, unknown) ? EISDIR : 0;
+    std::ifstream stream(file, std::ios::binary);
+    if (errno != 0 || !stream) {
+        throw DescriptionError(std::strerror(errno));
+    }
+    std::string text(static_cast<std::size_t>(kMaxFileSize) + 1, '\0');
+    stream.read(text.data(), kMaxFileSize + 1);
+    if (stream.gcount() > kMaxFileSize) {
+        throw DescriptionError("the file is too large to describe a machine");
+    }
+    text.resize(static_cast<std::size_t>(stream.gcount()));
+    return text;
+}
+
+MachineDescription readChecked(const std::filesystem::path& file) {
+    const std::string text = readWhole(file);
+    const std::vector<YAML::Node> documents = YAML::LoadAll(text);
+    if (documents.empty() || documents.front().IsNull()) {
+        throw DescriptionError("the file is empty");
+    }
+    if (documents.size() > 1) {
+        throw DescriptionError("the file holds more than one document", positionOf(documents[1]));
+    }
+    MachineDescription machine = readMachine(documents.front());
+    validate(machine);
+    return machine;
+}
+
+DescriptionError located(const std::filesystem::path& file, Position position, const std::string& reason) {
+    const std::string place = position.line == 0 ? "" : format(":%d:%d", position.line, position.column);
+    return {file.string() + place + ": " + reason, position};
+}
+
+}  // namespace
+
+MachineDescription readDescription(const std::filesystem::path& file) {
+    try {
+        return readChecked(file);
+    } catch (const DescriptionError& error) {
+        throw located(file, error.position(), error.what());
+    } catch (const YAML::Exception& error) {
+        throw located(file, {.line = error.mark.line + 1, .column = error.mark.column + 1},
+                      "this is no YAML: " + error.msg);
+    }
+}
+
+}  // namespace kvsim

@@ -1,0 +1,261 @@
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <tuple>
+
+#include "description/checks.h"
+#include "kvsim/description.h"
+#include "layout/format.h"
+#include "layout/machine_layout.h"
+#include "layout/pci_topology.h"
+
+namespace kvsim {
+
+namespace {
+
+constexpr unsigned kPageSize = 4096;
+constexpr unsigned kMaxSlot = 31;
+constexpr unsigned kMaxFunction = 7;
+constexpr unsigned kMaxClassCode = 0xFFFFFF;
+constexpr unsigned kFunctionBars = 6;
+constexpr unsigned kBridgeBars = 2;
+constexpr unsigned kMinMemoryBarSize = 16;
+constexpr unsigned kMinIoBarSize = 4;
+constexpr unsigned kMaxExpressVersion = 2;
+constexpr std::uint64_t kMaxAddress = std::uint64_t{1} << 52;
+constexpr std::uint64_t kMaxIoAddress = 0x10000;
+
+[[noreturn]] void refuse(const std::string& reason, Position position) {
+    throw DescriptionError(reason, position);
+}
+
+std::string hex(std::uint64_t number) {
+    return format("0x%llx", static_cast<unsigned long long>(number));
+}
+
+class BarChecks {
+ public:
+    void check(const PciFunction& function) {
+        std::set<unsigned> taken;
+        for (const Bar& bar : function.bars) {
+            checkRange(bar);
+            takeIndex(function, bar, bar.index, taken);
+            if (isWide(bar)) {
+                takeIndex(function, bar, bar.index + 1, taken);
+            }
+            checkRegisters(bar);
+            checkOverlap(function, bar);
+        }
+    }
+
+ private:
+    static void checkRange(const Bar& bar) {
+        const bool isIo = bar.space == BarSpace::Io;
+        const unsigned minimum = isIo ? kMinIoBarSize : kMinMemoryBarSize;
+        const std::uint64_t end = isIo ? kMaxIoAddress : kMaxAddress;
+        if ((bar.sizeBytes & (bar.sizeBytes - 1)) != 0 || bar.sizeBytes < minimum) {
+            refuse(format("the size %s of BAR %u is not a power of two of at least %u",
+                          hex(bar.sizeBytes).c_str(), bar.index, minimum),
+                   bar.position);
+        }
+        if (bar.address == 0 || bar.address >= end || bar.sizeBytes > end - bar.address) {
+            refuse(format("BAR %u at %s, size %s, does not lie between 1 and %s", bar.index,
+                          hex(bar.address).c_str(), hex(bar.sizeBytes).c_str(), hex(end).c_str()),
+                   bar.position);
+        }
+        const std::uint64_t alignment = bar.sizeBytes < kPageSize ? minimum : bar.sizeBytes;
+        if (bar.address % alignment != 0) {
+            refuse(format("BAR %u at %s is not aligned to %s, as its size requires", bar.index,
+                          hex(bar.address).c_str(), hex(alignment).c_str()),
+                   bar.position);
+        }
+    }
+
+    static void takeIndex(const PciFunction& function, const Bar& bar, unsigned index,
+                          std::set<unsigned>& taken) {
+        const unsigned bars = function.secondaryBus ? kBridgeBars : kFunctionBars;
+        if (index >= bars) {
+            refuse(format("there is no BAR %u%s: a %s has %u", index,
+                          index == bar.index ? "" : " for the upper half of a 64-bit address",
+                          function.secondaryBus ? "bridge" : "device", bars),
+                   bar.position);
+        }
+        if (!taken.insert(index).second) {
+            refuse(format("BAR %u is taken already", index), bar.position);
+        }
+    }
+
+    static void checkRegisters(const Bar& bar) {
+        for (const auto& [offset, value] : bar.registers) {
+            if (offset % 4 != 0 || offset >= bar.sizeBytes) {
+                refuse(format("the register offset %s is not a multiple of 4 below the BAR's size %s",
+                              hex(offset).c_str(), hex(bar.sizeBytes).c_str()),
+                       bar.position);
+            }
+        }
+    }
+
+    void checkOverlap(const PciFunction& function, const Bar& bar) {
+        const std::string name = format("BAR %u of %s", bar.index, pciName(function).c_str());
+        auto& ranges = bar.space == BarSpace::Io ? ioRanges_ : memoryRanges_;
+        const std::uint64_t end = bar.address + bar.sizeBytes;
+        const auto next = ranges.lower_bound(end);
+        if (next != ranges.begin()) {
+            const auto& [otherAddress, other] = *std::prev(next);
+            if (other.end > bar.address) {
+                refuse(format("%s at %s overlaps %s at %s", name.c_str(), hex(bar.address).c_str(),
+                              other.name.c_str(), hex(otherAddress).c_str()),
+                       bar.position);
+            }
+        }
+        ranges.emplace(bar.address, Range{end, name});
+    }
+
+    struct Range {
+        std::uint64_t end;
+        std::string name;
+    };
+    std::map<std::uint64_t, Range> memoryRanges_;
+    std::map<std::uint64_t, Range> ioRanges_;
+};
+
+void checkFunctionFields(const PciFunction& function) {
+    const auto inRange = [&function](const char* what, unsigned value, unsigned first, unsigned last) {
+        if (value < first || value > last) {
+            refuse(format("the %s %s is not in the range %s to %s", what, hex(value).c_str(),
+                          hex(first).c_str(), hex(last).c_str()),
+                   function.position);
+        }
+    };
+    inRange("slot", function.slot, 0, kMaxSlot);
+    inRange("function", function.function, 0, kMaxFunction);
+    inRange("vendor", function.vendor, 1, UINT16_MAX - 1);  // the ends stand for "nothing there"
+    inRange("class", function.classCode, 0, kMaxClassCode);
+    if (function.express) {
+        inRange("Express capability version", function.express->version, 1, kMaxExpressVersion);
+        inRange("Express link width", function.express->linkWidth, 1, 32);
+    }
+    if (!function.driver.empty()) {
+        requireFileName(function.driver, "a driver", function.position);
+    }
+}
+
+void checkPci(const MachineDescription& description) {
+    std::set<std::string> addresses;
+    std::set<unsigned> buses = {0};
+    for (const PciFunction& function : description.pciFunctions) {
+        checkFunctionFields(function);
+        if (!addresses.insert(pciName(function)).second) {
+            refuse(pciName(function) + " is described twice", function.position);
+        }
+        if (!function.secondaryBus) {
+            continue;
+        }
+        if (*function.secondaryBus <= function.bus) {
+            refuse(
+                format("a bridge on bus %u can't lead to bus %u: numbers grow with the distance from bus 0",
+                       function.bus, *function.secondaryBus),
+                function.position);
+        }
+        if (!buses.insert(*function.secondaryBus).second) {
+            refuse(format("two bridges lead to bus %u", *function.secondaryBus), function.position);
+        }
+    }
+    BarChecks barChecks;
+    for (const PciFunction& function : description.pciFunctions) {
+        if (!buses.contains(function.bus)) {
+            refuse(format("no bridge leads to bus %u", function.bus), function.position);
+        }
+        barChecks.check(function);
+    }
+    for (const std::string& driver : description.pciDrivers) {
+        requireFileName(driver, "a driver", {});
+    }
+}
+
+class ClassDeviceChecks {
+ public:
+    void check(const std::vector<ClassDevice>& devices) {
+        for (const ClassDevice& device : devices) {
+            requireFileName(device.className, "a device class", device.position);
+            requireFileName(device.name, "a device", device.position);
+            if (!names_.emplace(device.className, device.name).second) {
+                refuse(format("there are two %s devices named %s", device.className.c_str(),
+                              device.name.c_str()),
+                       device.position);
+            }
+            for (const auto& [name, text] : device.attributes) {
+                requireFileName(name, "an attribute", device.position);
+            }
+        }
+    }
+
+ private:
+    std::set<std::pair<std::string, std::string>> names_ = {{"hwmon", "hwmon0"}};
+};
+
+void checkPlatformDevices(const std::vector<PlatformDevice>& devices) {
+    std::set<std::string> names = {"rttm", "ember-thermal"};  // the machine's own
+    for (const PlatformDevice& device : devices) {
+        const std::filesystem::path path(device.name);
+        for (const auto& component : path) {
+            requireFileName(component == "/" ? "" : component.string(), "a platform device", device.position);
+        }
+        requireFileName(path.filename(), "a platform device", device.position);
+        if (!names.insert(path.filename()).second) {
+            refuse("there are two platform devices named " + path.filename().string(), device.position);
+        }
+        for (const auto& [name, text] : device.attributes) {
+            requireFileName(name, "an attribute", device.position);
+        }
+    }
+}
+
+bool isBelow(const std::string& path, const std::string& folder) {
+    return path.starts_with(folder + "/") && path.size() > folder.size() + 1;
+}
+
+void checkFiles(const std::vector<PlainFile>& files) {
+    for (const PlainFile& file : files) {
+        const auto below = [&file](const char* folder) { return isBelow(file.path, folder); };
+        const bool isPlain = std::filesystem::path(file.path).lexically_normal() == file.path &&
+                             file.path.find('\0') == std::string::npos && !file.path.ends_with('/');
+        if (!isPlain || std::ranges::none_of(kMachineFolders, below) ||
+            std::ranges::any_of(kDeskFolders, below)) {
+            refuse(format("\"%s\" is no path in the folders of the machine", file.path.c_str()),
+                   file.position);
+        }
+    }
+}
+
+}  // namespace
+
+void requireFileName(const std::string& name, const char* what, Position position) {
+    const bool isFileName = !name.empty() && name != "." && name != ".." &&
+                            name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+    if (!isFileName) {
+        refuse(format("\"%s\" can't be the name of %s", name.c_str(), what), position);
+    }
+}
+
+void validate(const MachineDescription& description) {
+    if (description.cpus < 1 || description.cpus > kMaxCpus) {
+        refuse(format("a machine has 1 to %u CPUs, not %u", kMaxCpus, description.cpus), {});
+    }
+    for (const auto& [name, text] : description.systemInformation) {
+        requireFileName(name, "a system-information file", {});
+    }
+    checkPci(description);
+    checkPlatformDevices(description.platformDevices);
+    ClassDeviceChecks classDeviceChecks;
+    for (const PciFunction& function : description.pciFunctions) {
+        classDeviceChecks.check(function.classDevices);
+    }
+    for (const PlatformDevice& device : description.platformDevices) {
+        classDeviceChecks.check(device.classDevices);
+    }
+    checkFiles(description.files);
+}
+
+}  // namespace kvsim

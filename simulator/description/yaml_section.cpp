@@ -1,0 +1,134 @@
+#include "description/yaml_section.h"
+
+#include <algorithm>
+#include <charconv>
+#include <numeric>
+#include <set>
+#include <string_view>
+#include <vector>
+
+namespace kvsim {
+
+namespace {
+
+/** How many letters must be changed, added or taken away to make one word of the other. */
+std::size_t editDistance(std::string_view a, std::string_view b) {
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), std::size_t{0});
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        std::size_t diagonal = row[0]++;
+        for (std::size_t j = 0; j < b.size(); ++j) {
+            const std::size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
+        }
+    }
+    return row.back();
+}
+
+std::string unknownKey(const std::string& key, const std::string& what,
+                       const std::initializer_list<const char*>& knownKeys) {
+    constexpr std::size_t kMaxTypingErrors = 2;
+    const char* const nearest = *std::ranges::min_element(
+        knownKeys, {}, [&key](const char* known) { return editDistance(key, known); });
+    if (editDistance(key, nearest) <= kMaxTypingErrors) {
+        return what + " has no key \"" + key + "\": did you mean \"" + nearest + "\"?";
+    }
+    std::string reason = what + " has no key \"" + key + "\", only";
+    for (const char* known : knownKeys) {
+        reason += std::string(known == *knownKeys.begin() ? " " : ", ") + known;
+    }
+    return reason;
+}
+
+/** Calls for each entry of a map, and refuses a key that occurs twice. */
+void forEachKey(const YAML::Node& map, const std::string& what,
+                const std::function<void(const YAML::Node& key, const YAML::Node& value)>& readEntry) {
+    if (!map.IsMap()) {
+        throw DescriptionError(what + " must be a map of keys and values", positionOf(map));
+    }
+    std::set<std::string> keys;
+    for (const auto& entry : map) {
+        const std::string key = readText(entry.first, "a key");
+        if (!keys.insert(key).second) {
+            throw DescriptionError("\"" + key + "\" is given twice", positionOf(entry.first));
+        }
+        readEntry(entry.first, entry.second);
+    }
+}
+
+}  // namespace
+
+Position positionOf(const YAML::Node& node) {
+    const YAML::Mark mark = node.Mark();
+    return {.line = mark.line + 1, .column = mark.column + 1};
+}
+
+std::string readText(const YAML::Node& node, const std::string& name) {
+    if (!node.IsScalar()) {
+        throw DescriptionError(name + " must be a single value", positionOf(node));
+    }
+    return node.Scalar();
+}
+
+std::int64_t readNumber(const YAML::Node& node, const std::string& name, std::int64_t first,
+                        std::int64_t last) {
+    const std::string text = readText(node, name);
+    const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+    std::int64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data() + (isHex ? 2 : 0), end, number, isHex ? 16 : 10);
+    if (parsed.ptr != end || parsed.ec == std::errc::invalid_argument || (isHex && number < 0)) {
+        throw DescriptionError(name + ": \"" + text + "\" is no number", positionOf(node));
+    }
+    if (parsed.ec != std::errc() || number < first || number > last) {
+        throw DescriptionError(name + ": " + text + " is not in the range " + std::to_string(first) + " to " +
+                                   std::to_string(last),
+                               positionOf(node));
+    }
+    return number;
+}
+
+std::map<std::string, std::string> readTexts(const YAML::Node& node, const std::string& name) {
+    std::map<std::string, std::string> texts;
+    forEachKey(node, name, [&texts](const YAML::Node& key, const YAML::Node& value) {
+        texts[key.Scalar()] = readText(value, key.Scalar());
+    });
+    return texts;
+}
+
+void forEach(const YAML::Node& list, const std::string& name,
+             const std::function<void(const YAML::Node&)>& readEntry) {
+    if (!list.IsSequence()) {
+        throw DescriptionError(name + " must be a list", positionOf(list));
+    }
+    for (const YAML::Node& entry : list) {
+        readEntry(entry);
+    }
+}
+
+YamlSection::YamlSection(const YAML::Node& node, std::string what,
+                         std::initializer_list<const char*> knownKeys)
+    : node_(node), what_(std::move(what)) {
+    forEachKey(node, what_, [&](const YAML::Node& key, const YAML::Node& /*value*/) {
+        if (std::ranges::find(knownKeys, key.Scalar()) == knownKeys.end()) {
+            throw DescriptionError(unknownKey(key.Scalar(), what_, knownKeys), positionOf(key));
+        }
+    });
+}
+
+YAML::Node YamlSection::required(const char* key) const {
+    const YAML::Node value = node_[key];
+    if (!value.IsDefined()) {
+        throw DescriptionError(what_ + " lacks the key \"" + key + "\"", position());
+    }
+    return value;
+}
+
+void YamlSection::optionalText(const char* key, std::string& target) const {
+    if (has(key)) {
+        target = text(key);
+    }
+}
+
+}  // namespace kvsim

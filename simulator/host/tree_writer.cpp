@@ -1,0 +1,104 @@
+#include "host/tree_writer.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <unordered_set>
+
+#include "os/unique_fd.h"
+
+namespace kvsim {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& path) {
+    throw std::system_error(errno, std::generic_category(), "cannot make " + path);
+}
+
+class TreeWriter {
+ public:
+    void makeFolder(const std::string& path) {
+        if (path.empty() || !made_.insert(path).second) {
+            return;
+        }
+        makeFolder(path.substr(0, path.rfind('/')));
+        if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+            fail(path);
+        }
+    }
+
+    void makeFolderAbove(const std::string& path) { makeFolder(path.substr(0, path.rfind('/'))); }
+
+    void makeFile(const std::string& path, const File& file) {
+        makeFolderAbove(path);
+        // Never into a file that is there already: it would be the desk's.
+        const kv::os::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, file.mode));
+        if (!fd || !write(fd.get(), file)) {
+            fail(path);
+        }
+    }
+
+    void makeLink(const std::string& path, const Link& link) {
+        makeFolderAbove(path);
+        if (::symlink(link.target.c_str(), path.c_str()) != 0) {
+            fail(path);
+        }
+    }
+
+ private:
+    static bool write(int fd, const File& file) {
+        if (::write(fd, file.content.data(), file.content.size()) < 0) {
+            return false;
+        }
+        if (file.sizeBytes > 0 && ::ftruncate(fd, static_cast<off_t>(file.sizeBytes)) != 0) {
+            return false;
+        }
+        for (const File::Word& word : file.words) {
+            const auto offset = static_cast<off_t>(word.offset);
+            if (::pwrite(fd, &word.value, sizeof(word.value), offset) != sizeof(word.value)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    std::unordered_set<std::string> made_;
+};
+
+/** A file's mode is what the tree says, whatever the user's habits. */
+class ClearedUmask {
+ public:
+    ClearedUmask() : former_(::umask(0)) {}
+    ~ClearedUmask() { ::umask(former_); }
+    ClearedUmask(const ClearedUmask&) = delete;
+    ClearedUmask& operator=(const ClearedUmask&) = delete;
+
+ private:
+    mode_t former_;
+};
+
+}  // namespace
+
+void writeTree(const FileTree& tree) {
+    const ClearedUmask umask;
+    TreeWriter writer;
+    // Links come last, so that no file is made through one.
+    for (const auto& [path, node] : tree.nodes()) {
+        if (std::holds_alternative<Folder>(node)) {
+            writer.makeFolder(path);
+        } else if (const File* file = std::get_if<File>(&node)) {
+            writer.makeFile(path, *file);
+        }
+    }
+    for (const auto& [path, node] : tree.nodes()) {
+        if (const Link* link = std::get_if<Link>(&node)) {
+            writer.makeLink(path, *link);
+        }
+    }
+}
+
+}  // namespace kvsim

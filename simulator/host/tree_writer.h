@@ -1,0 +1,10 @@
+#pragma once
+
+#include "layout/file_tree.h"
+
+namespace kvsim {
+
+/** Writes a tree to the paths that it names. Throws std::system_error naming the path where that fails. */
+void writeTree(const FileTree& tree);
+
+}  // namespace kvsim

@@ -1,0 +1,216 @@
+// The tool as its users call it.
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/machine_temporary_folder.h"
+
+namespace {
+
+using kv::test::TemporaryFolder;
+using testing::HasSubstr;
+
+const std::string kKvsim = KVSIM_PROGRAM;
+
+struct Outcome {
+    int status;
+    std::string output;
+};
+
+/** Runs a shell line and takes both of its outputs. */
+Outcome shell(const std::string& line) {
+    std::FILE* const pipe = ::popen(("exec 2>&1; " + line).c_str(), "r");
+    std::string output;
+    char block[4096];
+    std::size_t count = 0;
+    while ((count = std::fread(block, 1, sizeof(block), pipe)) > 0) {
+        output.append(block, count);
+    }
+    const int status = ::pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+class Kvsim : public testing::Test {
+ protected:
+    void SetUp() override {
+        const Outcome first = shell(kKvsim + " run ember true");
+        if (first.status == 126) {
+            GTEST_SKIP() << first.output;
+        }
+    }
+};
+
+TEST_F(Kvsim, EndsAsItsCommandEnds) {
+    EXPECT_EQ(shell(kKvsim + " run ember -- sh -c 'exit 7'").status, 7);
+    EXPECT_EQ(shell(kKvsim + " run ember -- sh -c 'kill -TERM $$'").status, 128 + SIGTERM);
+
+    const TemporaryFolder closed;
+    std::filesystem::permissions(closed.path(), std::filesystem::perms::none);
+    const std::string path = "PATH=" + closed.path().string() + ":$PATH ";
+    const Outcome missing = shell(path + kKvsim + " run ember -- no-such-command");
+    EXPECT_EQ(missing.status, 127);
+    EXPECT_EQ(missing.output, "kvsim: no-such-command: No such file or directory\n");
+    const Outcome noProgram = shell(kKvsim + " run ember -- /etc/passwd");
+    EXPECT_EQ(noProgram.status, 126);
+    EXPECT_EQ(noProgram.output, "kvsim: /etc/passwd: Permission denied\n");
+}
+
+TEST_F(Kvsim, HandsTheCommandItsArgumentsAndInput) {
+    EXPECT_EQ(shell(kKvsim + " run ember printf '%s.' -- --help 'a b'").output, "--.--help.a b.");
+    EXPECT_EQ(shell(kKvsim + " run ember -- printf '%s.' -- --help").output, "--.--help.");
+    EXPECT_EQ(shell("echo through | " + kKvsim + " run ember cat").output, "through\n");
+}
+
+TEST_F(Kvsim, RunsTheCommandOnTheMachine) {
+    const TemporaryFolder folder;
+    folder.write("tiny.yaml", "summary: tiny\ncpus: 3\nserial-number: s77\n");
+    const Outcome outcome = shell("cd " + folder.path().string() + "; " + kKvsim +
+                                  " run tiny.yaml -- sh -c 'getconf _NPROCESSORS_CONF; cat "
+                                  "/sys/devices/platform/ember/rttm/system_serial; pwd'");
+    EXPECT_EQ(outcome.output, "3\ns77\n" + folder.path().string() + "\n");
+}
+
+TEST(KvsimUse, IsRefusedWithAReasonAndStatusTwo) {
+    const TemporaryFolder folder;
+    const std::string bad = folder.write("bad.yaml", "summary: x\ncpus: many\n");
+    const std::pair<std::string, std::string> refusals[] = {
+        {" run " + bad + " true", "kvsim: " + bad + ":2:7: cpus: \"many\" is no number\n"},
+        {" check " + bad, "kvsim: " + bad + ":2:7: cpus: \"many\" is no number\n"},
+        {" run nowhere true", "kvsim: there is no machine \"nowhere\"; there are: "},
+        {" run ember", "COMMAND is required"},
+        {"", "A subcommand is required"},
+        {" check", "MACHINE is required"},
+    };
+    for (const auto& [arguments, reason] : refusals) {
+        const Outcome outcome = shell(kKvsim + arguments);
+        EXPECT_EQ(outcome.status, 2) << arguments;
+        EXPECT_THAT(outcome.output, HasSubstr(reason)) << arguments;
+    }
+}
+
+TEST(KvsimUse, ListsTheSoundMachinesAndTellsOfTheOthers) {
+    const TemporaryFolder folder;
+    folder.write("bench.yaml", "summary: on my bench\ncpus: 2\n");
+    folder.write("bad.yaml", "cpus: 2\n");
+    const Outcome outcome = shell("KVSIM_MACHINES=" + folder.path().string() + " " + kKvsim + " list");
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_THAT(outcome.output, HasSubstr("bad.yaml:1:1: a machine lacks the key \"summary\""));
+    EXPECT_THAT(outcome.output,
+                HasSubstr("bench            on my bench\n                 2 CPUs, 0 PCI functions"));
+    EXPECT_THAT(outcome.output, HasSubstr("\nember "));
+}
+
+/** kvsim with a shell that prepares itself, tells by a file that it runs, and then waits for a signal. */
+class RunningKvsim {
+ public:
+    RunningKvsim(const TemporaryFolder& folder, const std::string& preparation)
+        : pidFile_(folder.path() / "pid") {
+        const std::string script = preparation + "; echo $$ > " + pidFile_ + ".new; mv " + pidFile_ +
+                                   ".new " + pidFile_ + "; while :; do sleep 0.05; done";
+        supervisor_ = ::fork();
+        if (supervisor_ == 0) {
+            ::execl(kKvsim.c_str(), "kvsim", "run", "ember", "--", "sh", "-c", script.c_str(), nullptr);
+            ::_exit(127);
+        }
+    }
+
+    ~RunningKvsim() {
+        if (supervisor_ != 0) {
+            ::kill(supervisor_, SIGKILL);
+            ::waitpid(supervisor_, nullptr, 0);
+        }
+    }
+    RunningKvsim(const RunningKvsim&) = delete;
+    RunningKvsim& operator=(const RunningKvsim&) = delete;
+
+    [[nodiscard]] pid_t supervisor() const { return supervisor_; }
+
+    /** The process of the command, once it runs; 0 when it does not in ten seconds. */
+    [[nodiscard]] pid_t command() const {
+        for (int i = 0; i < 1000; ++i) {
+            if (pid_t pid = 0; std::ifstream(pidFile_) >> pid) {
+                return pid;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return 0;
+    }
+
+    /** Waits for the end, which is given ten seconds; -1 after that. */
+    [[nodiscard]] int end() {
+        int status = 0;
+        for (int i = 0; ::waitpid(supervisor_, &status, WNOHANG) == 0; ++i) {
+            if (i == 1000) {
+                return -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        supervisor_ = 0;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+ private:
+    std::string pidFile_;
+    pid_t supervisor_;
+};
+
+/** Whether a process has ended: it is gone, or only waits to be collected. */
+bool endsSoon(pid_t pid) {
+    for (int i = 0; i < 500; ++i) {
+        std::string state;
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        if (!(stat >> state >> state >> state) || state == "Z") {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+TEST_F(Kvsim, PassesSignalsOn) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        const TemporaryFolder folder;
+        RunningKvsim kvsim(folder, "trap 'exit 9' " + std::to_string(signal));
+        ASSERT_NE(kvsim.command(), 0);
+        ::kill(kvsim.supervisor(), signal);
+        EXPECT_EQ(kvsim.end(), 9) << "signal " << signal;
+    }
+}
+
+TEST_F(Kvsim, TakesTheCommandWithItWhenItIsKilled) {
+    const TemporaryFolder folder;
+    RunningKvsim kvsim(folder, "true");
+    const pid_t command = kvsim.command();
+    ASSERT_NE(command, 0);
+    ::kill(kvsim.supervisor(), SIGKILL);
+    EXPECT_EQ(kvsim.end(), 128 + SIGKILL);
+    if (!endsSoon(command)) {
+        ::kill(command, SIGKILL);
+        FAIL() << "the command runs on";
+    }
+}
+
+TEST_F(Kvsim, TellsWhichRightIsMissing) {
+    const std::string withoutNamespaces =
+        "unshare --user --map-root-user sh -c 'echo 0 > /proc/sys/user/max_user_namespaces && "
+        "exec setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin ";
+    if (shell(withoutNamespaces + "true'").status != 0) {
+        GTEST_SKIP() << "the limit on namespaces can't be set here";
+    }
+    const Outcome outcome = shell(withoutNamespaces + kKvsim + " run ember true'");
+    EXPECT_EQ(outcome.status, 126);
+    EXPECT_EQ(outcome.output,
+              "kvsim: cannot make a user and mount namespace: No space left on device\n"
+              "No user namespace is allowed: sysctl user.max_user_namespaces=10000, or run this as root\n");
+}
+
+}  // namespace

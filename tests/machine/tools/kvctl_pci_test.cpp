@@ -1,0 +1,127 @@
+#include <array>
+#include <cstdio>
+#include <kvsim/machine.h>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/machine_test.h"
+
+using nlohmann::json;
+using testing::HasSubstr;
+
+namespace {
+
+struct Outcome {
+    int status;
+    std::string output;
+};
+
+/** Runs a shell command; its standard error goes with its output. */
+Outcome run(const std::string& command) {
+    std::FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    std::string output;
+    std::array<char, 4096> buffer;
+    while (const std::size_t length = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
+        output.append(buffer.data(), length);
+    }
+    const int status = pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+Outcome kvctl(const std::string& arguments) {
+    return run(KVCTL_PROGRAM " " + arguments);
+}
+
+/** "bus:slot.function vendor:device" of every function in a topology. */
+void collect(const json& functions, std::set<std::string>& list) {
+    for (const json& function : functions) {
+        list.insert(function.at("address").get<std::string>() + " " +
+                    function.at("vendor").get<std::string>() + ":" +
+                    function.at("device").get<std::string>());
+        if (function.contains("children")) {
+            collect(function["children"], list);
+        }
+    }
+}
+
+TEST(KvctlPci, ListsTheFunctionsOfThisDeskAsLspciDoes) {
+    const Outcome lspci = run("lspci -n");
+    if (lspci.status != 0 || lspci.output.empty()) {
+        GTEST_SKIP() << "lspci finds no PCI devices on this desk";
+    }
+    std::set<std::string> ours;
+    collect(json::parse(kvctl("pci --json").output), ours);
+    std::set<std::string> buses;
+    for (const std::string& function : ours) {
+        buses.insert(function.substr(0, 2));
+    }
+
+    std::set<std::string> theirs;
+    std::istringstream lines(lspci.output);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string address;
+        std::string deviceClass;
+        std::string ids;
+        words >> address >> deviceClass >> ids;
+        if (buses.contains(address.substr(0, 2))) {  // a desk may have further host bridges
+            theirs.insert(address + " " + ids);
+        }
+    }
+    EXPECT_EQ(ours, theirs);
+}
+
+TEST(KvctlPci, ShowsTheTopologyForPeopleAndForPrograms) {
+    kvsim::Machine machine;
+    kvsim::PciFunction bridge;
+    bridge.slot = 1;
+    machine.addBridge(bridge, 3).expressCapability(2, 4);
+    kvsim::PciFunction board;
+    board.bus = 3;
+    board.vendor = 0x1b5a;
+    board.device = 0x0a18;
+    machine.addPciFunction(board).subsystem(0x1b5a, 0x0001);
+    ENTER_MACHINE(machine);
+
+    const Outcome tree = kvctl("pci");
+    EXPECT_EQ(tree.status, 0);
+    EXPECT_THAT(tree.output, HasSubstr("└─ 00:01.0  10b5:8605  PCIe2 x4  bridge to bus 03\n"
+                                       "   └─ 03:00.0  1b5a:0a18  PCI       "));
+
+    const json topology = json::parse(kvctl("pci --json").output);
+    const json& child = topology.at(0).at("children").at(0);
+    EXPECT_EQ(topology[0]["secondaryBus"], 3);
+    EXPECT_EQ(child["address"], "03:00.0");
+    EXPECT_EQ(child["subsystemDevice"], "0001");
+    EXPECT_EQ(child["class"], "118000");
+    EXPECT_EQ(child["interface"], "PCI");
+    EXPECT_FALSE(child.contains("children"));
+}
+
+TEST(KvctlPci, TellsAnEmptyBusFromNoAccessToPci) {
+    kvsim::Machine machine;
+    ENTER_MACHINE(machine);
+    EXPECT_EQ(kvctl("pci").output, "No PCI devices.\n");
+    EXPECT_EQ(json::parse(kvctl("pci --json").output), json::array());
+
+    kvsim::Machine::remove("/sys/bus/pci/devices");
+    const Outcome failed = kvctl("pci");
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(failed.output, "kvctl: this machine offers no access to PCI (/sys/bus/pci/devices)\n");
+}
+
+TEST(KvctlPci, RefusesWrongUsage) {
+    EXPECT_EQ(kvctl("").status, 2);
+    EXPECT_EQ(kvctl("pci --nonsense").status, 2);
+    EXPECT_EQ(kvctl("nonsense").status, 2);
+    EXPECT_EQ(kvctl("--help").status, 0);
+}
+
+}  // namespace

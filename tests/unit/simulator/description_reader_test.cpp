@@ -1,0 +1,177 @@
+#include "kvsim/description_reader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/machine_temporary_folder.h"
+
+namespace {
+
+using kv::test::TemporaryFolder;
+using kvsim::readDescription;
+using testing::ElementsAre;
+using testing::Pair;
+
+std::string refusalOf(const std::filesystem::path& file) {
+    try {
+        readDescription(file);
+    } catch (const kvsim::DescriptionError& error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+struct BadDescription {
+    const char* name;
+    const char* text;
+    const char* refusal;
+};
+
+void PrintTo(const BadDescription& bad, std::ostream* out) {
+    *out << bad.name;
+}
+
+class DescriptionReaderRefusal : public testing::TestWithParam<BadDescription> {};
+
+TEST_P(DescriptionReaderRefusal, TellsPlaceAndReason) {
+    const TemporaryFolder folder;
+    const auto file = folder.write("bad.yaml", GetParam().text);
+    EXPECT_EQ(refusalOf(file), file.string() + ":" + GetParam().refusal);
+}
+
+constexpr BadDescription kBadDescriptions[] = {
+    {"Empty", "", " the file is empty"},
+    {"OnlyAComment", "# nothing\n", " the file is empty"},
+    {"NoYaml", "summary: [x\ncpus: 4\n", "2:5: this is no YAML: end of sequence flow not found"},
+    {"TwoDocuments", "summary: x\n---\nsummary: y\n", "3:1: the file holds more than one document"},
+    {"NoMap", "just words\n", "1:1: a machine must be a map of keys and values"},
+    {"MissingKey", "cpus: 4\n", "1:1: a machine lacks the key \"summary\""},
+    {"MistypedKey", "summary: x\ncpu: 4\n", "2:1: a machine has no key \"cpu\": did you mean \"cpus\"?"},
+    {"UnknownKey", "summary: x\nfiles:\n  - {path: /sys/x, text: y, colour: red}\n",
+     "3:29: a file has no key \"colour\", only path, text"},
+    {"KeyTwice", "summary: x\ncpus: 4\ncpus: 2\n", "3:1: \"cpus\" is given twice"},
+    {"ListForText", "summary: [x]\n", "1:10: summary must be a single value"},
+    {"TextForList", "summary: x\npci: none\n", "2:6: pci must be a list"},
+    {"NoNumber", "summary: x\ncpus: 4x\n", "2:7: cpus: \"4x\" is no number"},
+    {"NoCpus", "summary: x\ncpus: 0\n", "2:7: cpus: 0 is not in the range 1 to 256"},
+    {"HugeNumber", "summary: x\ntemperature: 99999999999999999999\n",
+     "2:14: temperature: 99999999999999999999 is not in the range -2147483648 to 2147483647"},
+    {"NegativeHex", "summary: x\ncpus: 0x-4\n", "2:7: cpus: \"0x-4\" is no number"},
+    {"BadIdentity", "summary: x\npci:\n  - {slot: 1, id: 8086:15}\n",
+     "3:19: id: \"8086:15\" is no pair of four hexadecimal digits each, as in 8086:1533"},
+    {"BadSwitch", "summary: x\npci:\n  - {slot: 1, id: 8086:1533, enabled: maybe}\n",
+     "3:39: enabled: \"maybe\" is neither true nor false"},
+    {"BadSpace",
+     "summary: x\npci:\n  - {slot: 1, id: 8086:1533, bars: [{index: 0, address: 4096, size: 16, space: "
+     "rom}]}\n",
+     "3:80: space: \"rom\" is none of memory, prefetchable, io"},
+    {"DuplicateAddress", "summary: x\npci:\n  - {slot: 1, id: 8086:1533}\n  - {slot: 1, id: 8086:1539}\n",
+     "4:5: 0000:00:01.0 is described twice"},
+    {"BridgeToNowhere", "summary: x\npci:\n  - slot: 1\n    id: 8086:1533\n    behind: []\n",
+     "5:13: what is behind this bridge needs its bus number: leads-to is missing"},
+    {"BusNumberNotGrowing",
+     "summary: x\npci:\n  - slot: 1\n    id: 10b5:8605\n    leads-to: 3\n    behind:\n"
+     "      - {slot: 0, id: 10b5:8605, leads-to: 3}\n",
+     "7:44: leads-to: 3 is not in the range 4 to 255"},
+    {"ListThatHoldsItself",
+     "summary: x\npci: &loop\n  - {slot: 1, id: 10b5:8605, leads-to: 1, behind: *loop}\n",
+     "3:40: leads-to: 1 is not in the range 2 to 255"},
+    {"OverlappingBars",
+     "summary: x\npci:\n  - slot: 1\n    id: 1b5a:0001\n    bars:\n"
+     "      - {index: 0, address: 0xA0000000, size: 0x2000}\n"
+     "      - {index: 1, address: 0xA0001000, size: 0x1000}\n",
+     "7:9: BAR 1 of 0000:00:01.0 at 0xa0001000 overlaps BAR 0 of 0000:00:01.0 at 0xa0000000"},
+    {"RegisterOutsideItsBar",
+     "summary: x\npci:\n  - slot: 1\n    id: 1b5a:0001\n    bars:\n"
+     "      - {index: 0, address: 0xA0000000, size: 16, registers: {0x10: 1}}\n",
+     "6:9: the register offset 0x10 is not a multiple of 4 below the BAR's size 0x10"},
+    {"FileOnTheDesk", "summary: x\nfiles:\n  - {path: /etc/passwd, text: y}\n",
+     "3:5: \"/etc/passwd\" is no path in the folders of the machine"},
+    {"DriverThatIsAPath", "summary: x\npci-drivers: [a/b]\n", "2:15: \"a/b\" can't be the name of a driver"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Bad, DescriptionReaderRefusal, testing::ValuesIn(kBadDescriptions),
+                         [](const auto& instance) { return instance.param.name; });
+
+TEST(DescriptionReader, RefusesWhatIsNoReadableFile) {
+    const TemporaryFolder folder;
+    const std::string path = folder.path();
+    EXPECT_EQ(refusalOf(path + "/none.yaml"), path + "/none.yaml: No such file or directory");
+    EXPECT_EQ(refusalOf(path), path + ": Is a directory");
+    EXPECT_EQ(refusalOf("/dev/zero"), "/dev/zero: the file is too large to describe a machine");
+}
+
+TEST(DescriptionReader, ReadsEveryKeyOfTheVocabulary) {
+    const TemporaryFolder folder;
+    const kvsim::MachineDescription machine = readDescription(folder.write("good.yaml", R"(
+summary: everything
+cpus: 0x8
+temperature: -1500
+serial-number: i2001
+system-information: {kelvaro_version.txt: "7.1"}
+pci-drivers: [atemsys_pci]
+pci:
+  - slot: 1
+    id: 10b5:8605
+    leads-to: 2
+    express: {version: 1, width: 4}
+    behind:
+      - slot: 3
+        function: 2
+        id: 1b5a:0A18
+        subsystem: 1b5b:0002
+        class: 0x020000
+        revision: 9
+        irq: 40
+        driver: uio_kelvaro
+        enabled: false
+        bars:
+          - {index: 4, address: 0x1000, size: 0x20, space: io, registers: {0x4: 0xFFFFFFFF}}
+        devices:
+          - {class: net, name: eth7, attributes: {address: "02:00:00:00:00:07"}}
+platform:
+  - {name: axi/a.serial, attributes: {mode: fast}, devices: [{class: tty, name: ttyPS0}]}
+files:
+  - {path: /proc/irq/52/smp_affinity_list, text: "0-3"}
+)"));
+
+    EXPECT_EQ(machine.cpus, 8U);
+    EXPECT_EQ(machine.temperatureMilliCelsius, -1500);
+    EXPECT_EQ(machine.serialNumber, "i2001\n");
+    EXPECT_EQ(machine.systemInformation.at("kelvaro_version.txt"), "7.1\n");
+    EXPECT_THAT(machine.pciDrivers, ElementsAre("atemsys_pci"));
+
+    ASSERT_EQ(machine.pciFunctions.size(), 2U);
+    const kvsim::PciFunction& bridge = machine.pciFunctions[0];
+    EXPECT_EQ(bridge.secondaryBus, 2);
+    EXPECT_EQ(bridge.classCode, 0x060400U);
+    EXPECT_EQ(bridge.express->version, 1);
+    EXPECT_EQ(bridge.express->linkWidth, 4);
+
+    const kvsim::PciFunction& board = machine.pciFunctions[1];
+    EXPECT_THAT((std::array{board.bus, board.slot, board.function}), ElementsAre(2, 3, 2));
+    EXPECT_THAT((std::array{board.vendor, board.device, board.subsystemVendor, board.subsystemDevice}),
+                ElementsAre(0x1b5a, 0x0a18, 0x1b5b, 0x0002));
+    EXPECT_EQ(board.classCode, 0x020000U);
+    EXPECT_EQ(board.revision, 9);
+    EXPECT_EQ(board.irq, 40);
+    EXPECT_EQ(board.driver, "uio_kelvaro");
+    EXPECT_EQ(board.enabled, false);
+    ASSERT_EQ(board.bars.size(), 1U);
+    EXPECT_EQ(board.bars[0].index, 4U);
+    EXPECT_EQ(board.bars[0].address, 0x1000U);
+    EXPECT_EQ(board.bars[0].sizeBytes, 0x20U);
+    EXPECT_EQ(board.bars[0].space, kvsim::BarSpace::Io);
+    EXPECT_THAT(board.bars[0].registers, ElementsAre(Pair(4, 0xFFFFFFFF)));
+    ASSERT_EQ(board.classDevices.size(), 1U);
+    EXPECT_EQ(board.classDevices[0].name, "eth7");
+    EXPECT_THAT(board.classDevices[0].attributes, ElementsAre(Pair("address", "02:00:00:00:00:07\n")));
+
+    ASSERT_EQ(machine.platformDevices.size(), 1U);
+    EXPECT_THAT(machine.platformDevices[0].attributes, ElementsAre(Pair("mode", "fast\n")));
+    EXPECT_EQ(machine.platformDevices[0].classDevices.at(0).className, "tty");
+    ASSERT_EQ(machine.files.size(), 1U);
+    EXPECT_EQ(machine.files[0].text, "0-3");
+}
+
+}  // namespace
