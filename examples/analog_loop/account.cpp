@@ -1,0 +1,47 @@
+#include "account.h"
+
+#include <cstdio>
+
+#include <kv/registry.h>
+#include <kv/target.h>
+
+#include "analog_loop.h"
+
+namespace {
+
+const AnalogBoard* boardOf(const AnalogSetupParameters& setup) {
+    return static_cast<const AnalogBoard*>(
+        kv_module_get_custom_data(ANALOG_MODULE_TYPE, static_cast<uint32_t>(setup.moduleId)));
+}
+
+void printBoard(const AnalogSetupParameters& setup, const char* how) {
+    const AnalogBoard& board = *boardOf(setup);
+    std::printf("board %d     %04x:%04x at bus %u, slot %u, found %s\n", setup.moduleId, board.pci.VendorId,
+                board.pci.DeviceId, board.pci.bus, board.pci.slot, how);
+    std::printf("            registers at 0x%08x (%u bytes), identity 0x%08x\n", board.pci.BaseAddress[0],
+                board.pci.Length[0], analogBoard_read(&board, ANALOG_IDENTITY));
+}
+
+}  // namespace
+
+void printMachine() {
+    std::printf("machine     %s, serial number %d, processor at %d degrees Celsius\n",
+                kv_getTargetMarketingName(), kv_getSerialNumber(), kv_getCpuTemperature());
+}
+
+void printBoards() {
+    printBoard(analog_loop_P.setup1, "as the first board of its kind");
+    printBoard(analog_loop_P.setup2, "as the second of two variants");
+}
+
+void printOutcome() {
+    if (analog_loop_DW.steps > 0) {
+        const B_analog_loop_T& signals = analog_loop_B;
+        std::printf("input       %.2f V on channel 3 of board 1, %.2f V behind the filter\n",
+                    signals.inputVolts, signals.filteredVolts);
+        std::printf("output      %.2f V to %.2f V on channel 0 of board 1\n", signals.minOutputVolts,
+                    signals.maxOutputVolts);
+    }
+    const bool empty = boardOf(analog_loop_P.setup1) == nullptr && boardOf(analog_loop_P.setup2) == nullptr;
+    std::printf("registry    %s\n", empty ? "empty again" : "still holds a module");
+}

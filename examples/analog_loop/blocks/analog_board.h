@@ -1,0 +1,55 @@
+/*
+ * The analog board as its driver blocks know it: identities, registers and the state that the blocks share.
+ *
+ * The setup block owns the state. It stores it as the custom data of the board's module, where the input and
+ * output blocks of the same board find it by the module's id.
+ */
+#ifndef ANALOG_BOARD_H
+#define ANALOG_BOARD_H
+
+#include <stdint.h>
+
+#include <kv/pci.h>
+
+/* Registry types of this driver: one module for each board, one block for each channel in use. */
+enum { ANALOG_MODULE_TYPE = 1 };
+enum { ANALOG_INPUT_BLOCK = 0, ANALOG_OUTPUT_BLOCK = 1 };
+
+enum { ANALOG_CHANNELS = 8 };
+
+enum AnalogIdentity {
+    ANALOG_VENDOR = 0x1b5a,
+    ANALOG_VOLTAGE_BOARD = 0x0a18, /* outputs in volts */
+    ANALOG_CURRENT_BOARD = 0x0a28  /* the same with current outputs */
+};
+
+/* Registers in BAR 0, 32 bits each, by their offset in bytes. */
+enum AnalogRegister {
+    ANALOG_IDENTITY = 0x00,
+    ANALOG_SCRATCH = 0x04,
+    ANALOG_STATUS = 0x08,
+    ANALOG_CONTROL = 0x0C,
+    ANALOG_INPUT_0 = 0x10,
+    ANALOG_OUTPUT_0 = 0x30
+};
+
+enum { ANALOG_STATUS_READY = 0x1 };
+enum { ANALOG_CONTROL_CONVERT = 0x1, ANALOG_CONTROL_DRIVE_OUTPUTS = 0x2 };
+
+/* Full scale of inputs and outputs: 32768 stands for 10 V. */
+#define ANALOG_COUNTS_PER_VOLT 3276.8
+
+typedef struct AnalogBoard {
+    kv_PCIDevice pci;
+    volatile uint32_t* registers;
+} AnalogBoard;
+
+static inline uint32_t analogBoard_read(const AnalogBoard* board, unsigned offset) {
+    return board->registers[offset / sizeof(uint32_t)];
+}
+
+static inline void analogBoard_write(const AnalogBoard* board, unsigned offset, uint32_t value) {
+    board->registers[offset / sizeof(uint32_t)] = value;
+}
+
+#endif
