@@ -52,15 +52,17 @@ void BaseRateLoop::run() {
         due += model_.basePeriod;
         if (end >= due) {
             const auto skipped = (end - due) / model_.basePeriod + 1;
-            countOverrun(end - begin, static_cast<std::uint64_t>(skipped));
+            countOverrun(begin - (due - model_.basePeriod), end - begin, static_cast<std::uint64_t>(skipped));
             due += skipped * model_.basePeriod;
         }
     }
 }
 
-void BaseRateLoop::countOverrun(std::chrono::nanoseconds stepTime, std::uint64_t skipped) {
+void BaseRateLoop::countOverrun(std::chrono::nanoseconds lateness, std::chrono::nanoseconds stepTime,
+                                std::uint64_t skipped) {
     if (overruns_ == 0) {
-        log(trivial::warning, "step " + std::to_string(steps_) + " took " + durationText(stepTime) +
+        log(trivial::warning, "step " + std::to_string(steps_) + " began " + durationText(lateness) +
+                                  " late, took " + durationText(stepTime) +
                                   " and overran the base period of " + durationText(model_.basePeriod) +
                                   "; further overruns are counted");
     }

@@ -30,7 +30,8 @@ class BaseRateLoop {
  private:
     using Clock = std::chrono::steady_clock;
 
-    void countOverrun(std::chrono::nanoseconds stepTime, std::uint64_t skipped);
+    void countOverrun(std::chrono::nanoseconds lateness, std::chrono::nanoseconds stepTime,
+                      std::uint64_t skipped);
 
     const Model& model_;
     std::chrono::nanoseconds stopTime_;
