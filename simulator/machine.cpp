@@ -112,10 +112,15 @@ Machine& Machine::systemInformation(std::string fileName, std::string text) {
     return *this;
 }
 
+Machine& Machine::keepStateIn(std::string folder) {
+    stateFolder_ = std::move(folder);
+    return *this;
+}
+
 void Machine::enter() {
     validate(description_);
     const FileTree tree = layOut(description_);
-    enterPrivateMounts();
+    enterPrivateMounts(stateFolder_);
     writeTree(tree);
     // sd-device believes that a /sys which is not the kernel's is none.
     ::setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);

@@ -9,11 +9,13 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "kvsim/machine.h"
@@ -197,13 +199,46 @@ void makeFresh(const std::filesystem::path& folder) {
     std::filesystem::create_directories(folder);
 }
 
+/** The folders on the desk that hold a machine's state, opened before the machine's own folders hide them. */
+class StateOnDesk {
+ public:
+    explicit StateOnDesk(const std::filesystem::path& folder) {
+        for (const std::string machineFolder : kStateFolders) {
+            const std::filesystem::path onDesk = folder / machineFolder.substr(1);
+            std::filesystem::create_directories(onDesk);
+            UniqueFd descriptor = kv::os::openFile(onDesk, O_PATH | O_DIRECTORY);
+            if (!descriptor) {
+                fail("open " + onDesk.string());
+            }
+            folders_.emplace_back(machineFolder, std::move(descriptor));
+        }
+    }
+
+    /** Shows them where the machine has them. */
+    void bind() const {
+        for (const auto& [machineFolder, descriptor] : folders_) {
+            const std::string onDesk = format("/proc/self/fd/%d", descriptor.get());
+            if (::mount(onDesk.c_str(), machineFolder.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+                fail("bind " + machineFolder, namespaceRemedy);
+            }
+        }
+    }
+
+ private:
+    std::vector<std::pair<std::string, UniqueFd>> folders_;
+};
+
 }  // namespace
 
-void enterPrivateMounts() {
+void enterPrivateMounts(const std::string& stateFolder) {
     std::error_code unreachable;
     const std::filesystem::path currentFolder = std::filesystem::current_path(unreachable);
 
     separateMounts();
+    std::optional<StateOnDesk> state;
+    if (!stateFolder.empty()) {
+        state.emplace(stateFolder);
+    }
     cover("/sys", keepNothing);
     cover("/proc/irq", keepNothing);
     cover("/run", keepUserFolders);
@@ -214,6 +249,9 @@ void enterPrivateMounts() {
     makeFresh("/usr/kelvaro");
     makeFresh("/home/brvn/logs");
     makeFresh("/tmp/kelvaro");
+    if (state) {
+        state->bind();
+    }
 
     // The process still stands in the folder as it was before; it goes to what has that name now. A folder
     // that is hidden now is not left.

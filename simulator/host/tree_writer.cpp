@@ -1,5 +1,6 @@
 #include "host/tree_writer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 #include <unordered_set>
 
+#include "host/private_mounts.h"
 #include "os/unique_fd.h"
 
 namespace kvsim {
@@ -37,6 +39,9 @@ class TreeWriter {
         makeFolderAbove(path);
         // Never into a file that is there already: it would be the desk's.
         const kv::os::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, file.mode));
+        if (!fd && errno == EEXIST && isState(path)) {
+            return;
+        }
         if (!fd || !write(fd.get(), file)) {
             fail(path);
         }
@@ -44,12 +49,17 @@ class TreeWriter {
 
     void makeLink(const std::string& path, const Link& link) {
         makeFolderAbove(path);
-        if (::symlink(link.target.c_str(), path.c_str()) != 0) {
+        if (::symlink(link.target.c_str(), path.c_str()) != 0 && !(errno == EEXIST && isState(path))) {
             fail(path);
         }
     }
 
  private:
+    static bool isState(const std::string& path) {
+        return std::ranges::any_of(
+            kStateFolders, [&path](const std::string& folder) { return path.starts_with(folder + "/"); });
+    }
+
     static bool write(int fd, const File& file) {
         if (::write(fd, file.content.data(), file.content.size()) < 0) {
             return false;

@@ -4,7 +4,12 @@
 
 namespace kvsim {
 
-/** Writes a tree to the paths that it names. Throws std::system_error naming the path where that fails. */
+/**
+ * Writes a tree to the paths that it names. What a state folder holds from earlier is left as the machine
+ * left it.
+ *
+ * Throws std::system_error naming the path where that fails.
+ */
 void writeTree(const FileTree& tree);
 
 }  // namespace kvsim

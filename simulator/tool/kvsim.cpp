@@ -14,6 +14,8 @@ namespace {
 
 constexpr int kBadUse = 2;
 
+constexpr const char* kStateOption = "--state";
+
 constexpr const char* kFooter = R"(
 MACHINE is a name, looked up in the folders of KVSIM_MACHINES (separated by
 colons) and among the machines that come with kvsim, or the path of a YAML file.
@@ -22,12 +24,27 @@ Exit status of 'kvsim run': that of COMMAND, 128+N when signal N ended it;
 2 for wrong usage or a bad description, 126 when COMMAND can't be executed or
 this user may not make namespaces, 127 when there is no COMMAND.)";
 
-/** The arguments as CLI11 takes them, last one first, without the "--" after which it would accept no
- * command. */
+/**
+ * The arguments as CLI11 takes them, last one first, without the "--" behind the machine, after which it
+ * would accept no command.
+ */
 std::vector<std::string> argumentsFor(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
-    if (arguments.size() > 2 && arguments[0] == "run" && arguments[2] == "--") {
-        arguments.erase(arguments.begin() + 2);
+    auto argument = arguments.begin();
+    const auto is = [&](const std::string& text) { return argument != arguments.end() && *argument == text; };
+    if (is("run")) {
+        ++argument;
+        if (is(kStateOption) && std::next(argument) != arguments.end()) {
+            argument += 2;
+        } else if (argument != arguments.end() && argument->starts_with(std::string(kStateOption) + "=")) {
+            ++argument;
+        }
+        if (argument != arguments.end()) {
+            ++argument;  // the machine
+        }
+        if (is("--")) {
+            arguments.erase(argument);
+        }
     }
     std::ranges::reverse(arguments);
     return arguments;
@@ -42,8 +59,10 @@ std::string counts(const kvsim::MachineDescription& machine) {
            std::to_string(machine.platformDevices.size()) + " platform devices";
 }
 
-int run(const std::string& nameOrPath, const std::vector<std::string>& command) {
+int run(const std::string& nameOrPath, const std::string& stateFolder,
+        const std::vector<std::string>& command) {
     kvsim::Machine machine(kvsim::readDescription(kvsim::findMachine(nameOrPath)));
+    machine.keepStateIn(stateFolder);
     return kvsim::runCommand(machine, command);
 }
 
@@ -75,8 +94,15 @@ int dispatch(int argc, char** argv) {
     app.footer(kFooter);
 
     std::string machine;
-    CLI::App* const runApp =
-        app.add_subcommand("run", "Run a command: kvsim run MACHINE [--] COMMAND [ARGUMENT...]");
+    CLI::App* const runApp = app.add_subcommand(
+        "run", "Run a command: kvsim run [--state DIR] MACHINE [--] COMMAND [ARGUMENT...]");
+    std::string stateFolder;
+    runApp
+        ->add_option(
+            kStateOption, stateFolder,
+            "Keep /tmp/kelvaro, /usr/kelvaro, logs and shared memory in DIR between runs, as a machine "
+            "does that stays powered; without it each run is a fresh boot")
+        ->type_name("DIR");
     runApp->add_option("MACHINE", machine, "The machine to run on")->required();
     runApp->prefix_command();
     CLI::App* const listApp = app.add_subcommand("list", "Show the machines there are");
@@ -95,7 +121,7 @@ int dispatch(int argc, char** argv) {
         if (command.empty()) {
             throw CLI::RequiredError("COMMAND");
         }
-        return run(machine, command);
+        return run(machine, stateFolder, command);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kBadUse;
     }

@@ -100,6 +100,12 @@ class Machine {
     Machine& systemInformation(std::string fileName, std::string text);
 
     /**
+     * Keeps what a machine keeps while it stays powered in a folder of the desk: /tmp/kelvaro, /usr/kelvaro,
+     * /home/brvn/logs and shared memory. The next machine that is given the folder finds it there.
+     */
+    Machine& keepStateIn(std::string folder);
+
+    /**
      * Puts this process, and what it starts from now on, on the machine. There is no way back, and nothing of
      * it shows outside the process. Call it before the process starts threads.
      *
@@ -122,6 +128,7 @@ class Machine {
 
  private:
     MachineDescription description_;
+    std::string stateFolder_;
 };
 
 }  // namespace kvsim

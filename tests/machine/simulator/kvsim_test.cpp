@@ -49,6 +49,28 @@ class Kvsim : public testing::Test {
     }
 };
 
+TEST_F(Kvsim, KeepsTheStateOfAMachineThatStaysPowered) {
+    const TemporaryFolder folder;
+    const std::string powered = kKvsim + " run --state " + folder.path().string() + " ember -- ";
+    EXPECT_EQ(shell(powered + "sh -c 'for f in /tmp/kelvaro/tag /usr/kelvaro/sysinfo/kelvaro_version.txt "
+                              "/home/brvn/logs/log /dev/shm/object; do echo kept > $f; done'")
+                  .output,
+              "");
+    const std::string show =
+        "sh -c 'cd /; cat tmp/kelvaro/tag usr/kelvaro/sysinfo/kelvaro_version.txt home/brvn/logs/log "
+        "dev/shm/object; "
+        "ls /sys/class/hwmon'";
+    EXPECT_EQ(shell(powered + show).output, "kept\nkept\nkept\nkept\nhwmon0\n");
+    EXPECT_EQ(shell(kKvsim + " run --state=" + folder.path().string() + " ember " + show).output,
+              "kept\nkept\nkept\nkept\nhwmon0\n");
+    EXPECT_EQ(shell(kKvsim + " run ember -- test -e /tmp/kelvaro/tag").status, 1)
+        << "without it, a fresh boot";
+
+    const Outcome impossible = shell(kKvsim + " run --state /dev/null/state ember -- true");
+    EXPECT_EQ(impossible.status, 126);
+    EXPECT_THAT(impossible.output, HasSubstr("/dev/null/state"));
+}
+
 TEST_F(Kvsim, EndsAsItsCommandEnds) {
     EXPECT_EQ(shell(kKvsim + " run ember -- sh -c 'exit 7'").status, 7);
     EXPECT_EQ(shell(kKvsim + " run ember -- sh -c 'kill -TERM $$'").status, 128 + SIGTERM);
