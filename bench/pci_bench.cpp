@@ -13,7 +13,6 @@
 #include <kv/pci.h>
 
 #include "goal.h"
-#include "support/topology.h"
 
 extern "C" {
 #include <pci/pci.h>
@@ -148,7 +147,7 @@ void atSlotBaseline(benchmark::State& state, const kvsim::PciFunction& last) {
 
 void topologyOurs(benchmark::State& state) {
     for (auto _ : state) {
-        const kv::test::OwnedTopology topology;
+        const kv::OwnedTopology topology;
         if (topology.count() <= 0) {
             state.SkipWithError("no topology");
         }

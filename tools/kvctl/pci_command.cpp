@@ -115,13 +115,11 @@ Json toJson(Nodes nodes) {
 }
 
 void showTopology(bool asJson) {
-    kv_topo_node* nodes = nullptr;
-    const int32_t count = kv_getPciTopology(&nodes);
-    if (count < 0) {
+    const kv::OwnedTopology topology;
+    if (topology.count() < 0) {
         throw std::runtime_error("this machine offers no access to PCI (/sys/bus/pci/devices)");
     }
-    // The topology stays allocated: the process ends with this command.
-    const Nodes topLevel(nodes, static_cast<std::size_t>(count));
+    const Nodes topLevel(topology.nodes(), static_cast<std::size_t>(topology.count()));
     if (asJson) {
         std::cout << toJson(topLevel).dump(2) << '\n';
     } else if (topLevel.empty()) {

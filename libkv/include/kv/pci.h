@@ -16,6 +16,10 @@
 
 #include <kv/export.h>
 
+#ifdef __cplusplus
+#include <cstdlib>
+#endif
+
 KV_BEGIN_DECLS
 
 /** Number of base address registers (BARs) of a PCI function. */
@@ -75,7 +79,8 @@ typedef struct _kv_topo_bridge {
  * A bridge whose secondary bus is 0, its own bus or one that is being scanned keeps an empty record.
  *
  * @param topo  receives the array of the functions on the bus in ascending slot and function order, null when
- * there is none. The arrays, bridge records and texts come from malloc and belong to the caller.
+ * there is none. The arrays, bridge records and texts come from malloc and belong to the caller;
+ * kv::OwnedTopology frees them.
  * @return the number of functions on the bus itself, -1 when the machine offers no access to PCI
  */
 KV_EXPORT int32_t kv_getPciTopologyAtBus(kv_topo_node** topo, uint32_t bus);
@@ -209,5 +214,41 @@ KV_EXPORT int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName);
 KV_EXPORT int kv_pci_probeDriver(kv_PCIDevice* device);
 
 KV_END_DECLS
+
+#ifdef __cplusplus
+namespace kv {
+
+/** Scans a topology and frees it, with everything below it, at the end of its life. */
+class OwnedTopology {
+ public:
+    /** Scans as kv_getPciTopologyAtBus() does. */
+    explicit OwnedTopology(uint32_t bus = 0) : count_(kv_getPciTopologyAtBus(&nodes_, bus)) {}
+    ~OwnedTopology() { release(nodes_, count_); }
+    OwnedTopology(const OwnedTopology&) = delete;
+    OwnedTopology& operator=(const OwnedTopology&) = delete;
+
+    /** What the scan returned. */
+    int32_t count() const { return count_; }
+    kv_topo_node* nodes() const { return nodes_; }
+
+ private:
+    static void release(kv_topo_node* nodes, int32_t count) {
+        for (int32_t i = 0; i < count; ++i) {
+            if (nodes[i].headerType == 1) {
+                auto* bridge = reinterpret_cast<kv_topo_bridge*>(nodes[i].customData);
+                release(bridge->children, static_cast<int32_t>(bridge->nChildren));
+                std::free(bridge);
+            }
+            std::free(nodes[i].interfaceType);
+        }
+        std::free(nodes);
+    }
+
+    kv_topo_node* nodes_ = nullptr;
+    int32_t count_;
+};
+
+}  // namespace kv
+#endif
 
 #endif

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "pci_machine.h"
-#include "support/topology.h"
 
 using kv::test::error;
 using kv::test::kAnySubsystem;
@@ -96,7 +95,7 @@ TEST_F(PciFaults, AConfigurationSpaceThatCannotBeOpened) {
     EXPECT_EQ(byIndex(), 0) << "the identity comes from other files";
     EXPECT_EQ(kvPCI_getDeviceByIdx(kVendor, kDevice, 0x1111, kAnySubsystem, 1, &board_), 1);
     EXPECT_EQ(atSlot(), 0);
-    const kv::test::OwnedTopology topology;
+    const kv::OwnedTopology topology;
     ASSERT_EQ(topology.count(), 1);
     EXPECT_EQ(reinterpret_cast<kv_topo_bridge*>(topology.nodes()[0].customData)->nChildren, 0U);
     log_.take();
@@ -106,13 +105,13 @@ TEST_F(PciFaults, AConfigurationSpaceThatCannotBeOpened) {
 
 TEST_F(PciFaults, NoCallLeavesAFileOpen) {
     byIndex();
-    const kv::test::OwnedTopology first;
+    const kv::OwnedTopology first;
     const auto before = openFiles();
     uint32_t saved[8];
     for (int repetition = 0; repetition < 5; ++repetition) {
         byIndex();
         atSlot();
-        const kv::test::OwnedTopology again;
+        const kv::OwnedTopology again;
         kv_mapMemory(&board_, 0);
         kvPCI_backupPCIConfig(&board_, saved);
         kvPCI_restorePCIConfig(&board_, saved);
@@ -126,7 +125,7 @@ TEST_F(PciFaults, NoCallLeavesAFileOpen) {
         for (int repetition = 0; repetition < 5; ++repetition) {
             byIndex();
             EXPECT_EQ(atSlot(), 1);
-            const kv::test::OwnedTopology closesTheFileOfTheLookUp;
+            const kv::OwnedTopology closesTheFileOfTheLookUp;
         }
         EXPECT_EQ(openFiles(), before) << "a failure for " << fault;
     }

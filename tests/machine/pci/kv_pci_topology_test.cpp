@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "pci_machine.h"
-#include "support/topology.h"
 
 extern "C" {
 #include <pci/pci.h>
@@ -28,7 +27,7 @@ class Topology : public kv::test::PciMachine {
 
     /** Scans a bus. What the nodes point to lives until the test ends. */
     std::vector<kv_topo_node> scan(uint32_t bus = 0) {
-        const kv::test::OwnedTopology& topology = topologies_.emplace_back(bus);
+        const kv::OwnedTopology& topology = topologies_.emplace_back(bus);
         return nodesOf(topology.nodes(), topology.count());
     }
 
@@ -45,7 +44,7 @@ class Topology : public kv::test::PciMachine {
         return {nodes, nodes + count};
     }
 
-    std::list<kv::test::OwnedTopology> topologies_;
+    std::list<kv::OwnedTopology> topologies_;
 };
 
 std::vector<std::tuple<uint32_t, uint32_t, uint32_t>> places(const std::vector<kv_topo_node>& nodes) {
@@ -101,7 +100,7 @@ TEST_F(Topology, HangsTheFunctionsBehindABridgeBelowIt) {
     addBoard(0, 5);
     ENTER_MACHINE(machine_);
 
-    const kv::test::OwnedTopology topology;
+    const kv::OwnedTopology topology;
     const kv_topo_node* nodes = topology.nodes();
     ASSERT_EQ(topology.count(), 2) << "children are not counted";
     EXPECT_EQ(nodes[0].headerType, 1U);
@@ -182,7 +181,7 @@ TEST_F(Topology, PrintsChildrenBelowTheirBridgeOneTabFurtherIn) {
     machine_.pci(0, 2).setConfig8(0x0E, 0x02);
     machine_.pci(0, 2).setConfig8(0x19, 1);  // what lies behind a CardBus bridge is not shown
 
-    const kv::test::OwnedTopology topology;
+    const kv::OwnedTopology topology;
     testing::internal::CaptureStdout();
     kv_printPciTopology(topology.nodes(), static_cast<uint32_t>(topology.count()));
     std::fflush(stdout);
