@@ -1,0 +1,146 @@
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <kv/diagnostics.h>
+#include <kv/threads.h>
+
+#include "runtime/kv_root.h"
+
+namespace {
+
+struct ThreadStart {
+    void* (*function)(void*);
+    void* argument;
+    uid_t effectiveUser;
+};
+
+/** Drops the root rights that a thread inherits from its creation, for the calling thread alone. */
+void dropTo(uid_t user) {
+    if (geteuid() == user) {
+        return;
+    }
+    // The C library's wrapper of this call would change every thread of the process.
+    constexpr auto kUnchanged = static_cast<uid_t>(-1);
+    if (syscall(SYS_setresuid, kUnchanged, user, kUnchanged) != 0) {
+        std::abort();  // rather than run on as root unasked
+    }
+}
+
+void* runThread(void* argument) {
+    const ThreadStart start = *std::unique_ptr<ThreadStart>(static_cast<ThreadStart*>(argument));
+    dropTo(start.effectiveUser);
+    return start.function(start.argument);
+}
+
+/** Asks for SCHED_FIFO at @p priority whatever the creating thread runs at. A failing step is logged. */
+bool initialiseAttributes(pthread_attr_t& attributes, int priority) {
+    if (const int result = pthread_attr_init(&attributes); result != 0) {
+        kv_printf(kv_error, "pthread_attr_init returns %d\n", result);
+        return false;
+    }
+    if (const int result = pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED); result != 0) {
+        kv_printf(kv_error, "pthread_attr_setinheritsched returns %d\n", result);
+        return false;
+    }
+    if (const int result = pthread_attr_setschedpolicy(&attributes, SCHED_FIFO); result != 0) {
+        kv_printf(kv_error, "pthread_attr_setschedpolicy returns %d\n", result);
+        return false;
+    }
+    sched_param parameters{};
+    if (const int result = pthread_attr_getschedparam(&attributes, &parameters); result != 0) {
+        kv_printf(kv_error, "pthread_attr_getschedparam returns %d\n", result);
+        return false;
+    }
+    parameters.sched_priority = priority;
+    if (const int result = pthread_attr_setschedparam(&attributes, &parameters); result != 0) {
+        kv_printf(kv_error, "pthread_attr_setschedparam returns %d with prio %d\n", result, priority);
+        return false;
+    }
+    return true;
+}
+
+/** @return 0 or an error number */
+int createAsRoot(pthread_t& thread, const pthread_attr_t& attributes, void* (*function)(void*),
+                 void* argument) {
+    std::unique_ptr<ThreadStart> start(new (std::nothrow) ThreadStart{function, argument, geteuid()});
+    if (start == nullptr) {
+        return ENOMEM;
+    }
+    const kv_beRootObj root;
+    const int result = pthread_create(&thread, &attributes, runThread, start.get());
+    if (result == 0) {
+        (void)start.release();  // the new thread frees it
+    }
+    return result;
+}
+
+/** Starts a thread at the lowest priority of SCHED_FIFO. A failure is logged. */
+bool startRealTime(pthread_t& thread, void* (*function)(void*), void* argument) {
+    const int priority = sched_get_priority_min(SCHED_FIFO);
+    pthread_attr_t attributes;  // kept: never destroyed, it owns nothing
+    if (!initialiseAttributes(attributes, priority)) {
+        return false;
+    }
+    const int result = createAsRoot(thread, attributes, function, argument);
+    if (result != 0) {
+        kv_printf(kv_error, "pthread_create returns %d: %s\n", result, std::strerror(result));
+        return false;
+    }
+    kv_printf(kv_debug, "created thread with prio %d\n", priority);
+    return true;
+}
+
+}  // namespace
+
+void* kv_createThread(void* (*func)(void*), void* arg) {
+    auto* thread = new (std::nothrow) pthread_t;
+    if (thread == nullptr || !startRealTime(*thread, func, arg)) {
+        // Kept: after a failed start the handle stays allocated.
+        return nullptr;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
+    }
+    return thread;
+}
+
+int kv_destroyThread(void* handler) {
+    const std::unique_ptr<pthread_t> thread(static_cast<pthread_t*>(handler));
+    const int result = pthread_cancel(*thread);
+    if (result == 0) {
+        pthread_join(*thread, nullptr);
+    }
+    return result;
+}
+
+int kv_setPidPriority(pid_t pid, int priority) {
+    sched_param parameters{};
+    parameters.sched_priority = priority;
+    const int result = [&] {
+        const kv_beRootObj root;
+        return sched_setscheduler(pid, SCHED_FIFO, &parameters);
+    }();
+    if (result != 0) {
+        // Kept: the text is that of the result, not of errno. Log readers know it as "Unknown error -1".
+        kv_printf(kv_error, "Elevating thread %d to %d, sched_setscheduler returns %d: %s\n", pid, priority,
+                  result, std::strerror(result));
+        return -1;
+    }
+    return 0;
+}
+
+int kv_getPidPriority(pid_t pid) {
+    sched_param parameters{};
+    if (sched_getparam(pid, &parameters) != 0) {
+        return -1;
+    }
+    const int policy = sched_getscheduler(pid);
+    if (policy < 0) {
+        return -1;
+    }
+    return policy == SCHED_FIFO || policy == SCHED_RR ? parameters.sched_priority : 0;
+}
