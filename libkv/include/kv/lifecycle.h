@@ -1,0 +1,100 @@
+/**
+ * @file
+ * The life of a model: whether it runs for the first time; hooks before it, at its start and at its exit.
+ *
+ * Nothing is locked: these functions belong to the model's initialisation, which runs on one thread. Nothing
+ * here blocks longer than the small files it reads and writes.
+ */
+#ifndef KV_LIFECYCLE_H
+#define KV_LIFECYCLE_H
+
+#include <kv/export.h>
+
+KV_BEGIN_DECLS
+
+/* ---- First run of a model ----------------------------------------------------------------------------
+ *
+ * A model is the executable <app>/bin/<name>; the first line of <app>/misc/UUID, up to 199 characters,
+ * identifies it. At exit that line is copied to /tmp/kelvaro/model_uuid. A start that finds its own line
+ * there is a model run: the same model has run since the machine started. Every other start is a model load,
+ * also when either file cannot be read, and frees persistent memory. What the files held at the first check
+ * holds for the process.
+ */
+
+/**
+ * Decides between model load and model run, frees persistent memory on a load, and registers
+ * kv_tagModelAtExit() with atexit(). Call it once, before persistent memory is used; a further call only
+ * registers again, which is harmless.
+ */
+KV_EXPORT void kv_checkModelInit(void);
+
+/** Calls kv_checkModelInit(). */
+KV_EXPORT void kv_initModelRun(void);
+
+/** @return 1 for a model load; 0 for a model run, and while neither is decided */
+KV_EXPORT int kv_isModelInit(void);
+
+/** Another name of kv_isModelInit(). */
+KV_EXPORT int kv_isFirstModelLoad(void);
+
+/** Makes it a model load; persistent memory is left alone. */
+KV_EXPORT void kv_setModelInit(void);
+
+/** Makes a model load a model run. Changes nothing while neither is decided. */
+KV_EXPORT void kv_clearModelInit(void);
+
+/**
+ * Copies the model's identity to /tmp/kelvaro/model_uuid, unless it is there already. A process does so once:
+ * further calls do nothing.
+ *
+ * @return 0 when the identity is there now, when this process has tried before, and when the identity is
+ *         empty; 1 with a log record when a file or the executable's path stands in the way
+ */
+KV_EXPORT int kv_tagModelRun(void);
+
+/** Calls kv_tagModelRun(); for atexit(). */
+KV_EXPORT void kv_tagModelAtExit(void);
+
+/* ---- Early initialisation ----------------------------------------------------------------------------
+ *
+ * One function of the model that runs when the kernel initialises its services, which is before the model's
+ * own initialisation, on the thread that runs the model.
+ */
+
+/** Registers the function. A later call replaces it; null takes it back. */
+KV_EXPORT void kv_register_early_init_function(
+    void (*early_init_func)(void));  // NOLINT(modernize-redundant-void-arg): C takes () for any arguments
+
+/**
+ * @return 1 from the time the library is loaded until the function has run, 0 afterwards; where no function
+ *         is registered it stays 1
+ */
+KV_EXPORT int kv_is_early_init(void);
+
+/** Keeps a pointer for the function, which the library does not look at. */
+KV_EXPORT void kv_early_init_set_blkInfo2(void* blkInfo2);
+
+/** @return the pointer that was kept last, null before */
+KV_EXPORT void* kv_early_init_get_blkInfo2(void);
+
+/* ---- Start and exit ---------------------------------------------------------------------------------- */
+
+/**
+ * Registers a callback that the kernel calls at each start of the model, before the first step. Callbacks run
+ * in ascending order of priority, those of equal priority in order of registration.
+ */
+KV_EXPORT void kv_add_start_callback(void (*callback)(void*), void* argument, int priority);
+
+/**
+ * Registers a handler that runs when the process exits. Handlers run in order of registration, unlike those
+ * of atexit(), among which they take the place of the first; one that is added by a handler runs last. Ends
+ * the process (SIGABRT) when memory is exhausted.
+ */
+KV_EXPORT void kv_add_exit_handler(void (*handler)(void*), void* argument);
+
+/** Runs the exit handlers, each of them once; for atexit(). */
+KV_EXPORT void kv_exit_handler(void);
+
+KV_END_DECLS
+
+#endif

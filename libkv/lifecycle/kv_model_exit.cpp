@@ -1,0 +1,43 @@
+#include <cstdlib>
+
+#include <kv/diagnostics.h>
+#include <kv/lifecycle.h>
+
+namespace {
+
+struct ExitHandlerEntry {
+    ExitHandlerEntry* next;
+    void (*handler)(void*);
+    void* argument;
+};
+
+ExitHandlerEntry* kv_exitHandler_list = nullptr;
+
+}  // namespace
+
+void kv_add_exit_handler(void (*handler)(void*), void* argument) {
+    auto* entry = static_cast<ExitHandlerEntry*>(std::malloc(sizeof(ExitHandlerEntry)));
+    if (entry == nullptr) {
+        std::abort();  // hardware that a handler was to switch off would be left on without a word
+    }
+    *entry = {.next = nullptr, .handler = handler, .argument = argument};
+    kv_printf(kv_debug, "Registering Kelvaro exit handler\n");
+    if (kv_exitHandler_list == nullptr) {
+        std::atexit(kv_exit_handler);
+    }
+    ExitHandlerEntry** end = &kv_exitHandler_list;
+    while (*end != nullptr) {
+        end = &(*end)->next;
+    }
+    *end = entry;
+}
+
+void kv_exit_handler(void) {
+    kv_printf(kv_debug, "Running Kelvaro exit handlers\n");
+    // The list stays sound while a handler runs: it may add another, or run the list itself.
+    while (ExitHandlerEntry* entry = kv_exitHandler_list) {
+        kv_exitHandler_list = entry->next;
+        entry->handler(entry->argument);
+        std::free(entry);
+    }
+}
