@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include <kv/lifecycle.h>
 #include <kv/registry.h>
 #include <kv/target.h>
 
@@ -22,6 +23,21 @@ void printBoard(const AnalogSetupParameters& setup, const char* how) {
                 board.pci.Length[0], analogBoard_read(&board, ANALOG_IDENTITY));
 }
 
+void printMonitor(const BoardMonitorReport& report) {
+    if (!report.ran) {
+        std::printf("monitor     did not run: threads at SCHED_FIFO need real-time rights\n");
+        return;
+    }
+    std::printf("monitor     %u readings, %u faults, at most %d degrees Celsius; ", report.readings,
+                report.faults, report.hottest);
+    if (report.cpu < 0) {
+        std::printf("the machine has no CPU to spare\n");
+    } else {
+        std::printf(report.pinned ? "ran on CPU %d\n" : "CPU %d is not on this desk, so it ran anywhere\n",
+                    report.cpu);
+    }
+}
+
 }  // namespace
 
 void printMachine() {
@@ -30,11 +46,15 @@ void printMachine() {
 }
 
 void printBoards() {
+    std::printf("start       %s\n", kv_isFirstModelLoad() != 0
+                                        ? "model load: this model has not run since the machine started"
+                                        : "model run: this model is being restarted");
     printBoard(analog_loop_P.setup1, "as the first board of its kind");
     printBoard(analog_loop_P.setup2, "as the second of two variants");
 }
 
 void printOutcome() {
+    printMonitor(analog_loop_DW.monitor.report);
     if (analog_loop_DW.steps > 0) {
         const B_analog_loop_T& signals = analog_loop_B;
         std::printf("input       %.2f V on channel 3 of board 1, %.2f V behind the filter\n",

@@ -2,6 +2,8 @@
 
 #include <math.h>
 
+#include <kv/lifecycle.h>
+
 static const uint16_t voltageBoards[] = {ANALOG_VOLTAGE_BOARD};
 static const uint16_t anyBoards[] = {ANALOG_VOLTAGE_BOARD, ANALOG_CURRENT_BOARD};
 
@@ -41,6 +43,7 @@ DW_analog_loop_T analog_loop_DW = {
                 .moduleId = 2,
                 .blockType = ANALOG_OUTPUT_BLOCK,
                 .channel = 0},
+    .monitor = {.blockName = "analog_loop/Monitor", .moduleId = 1, .priority = 10},
 };
 
 static KvError* blockError;
@@ -52,10 +55,12 @@ static int startBlocks(void) {
            analogSetup_start(&analog_loop_P.setup2, blockError) == 0 &&
            analogChannel_start(&analog_loop_DW.input1, blockError) == 0 &&
            analogChannel_start(&analog_loop_DW.output1, blockError) == 0 &&
-           analogChannel_start(&analog_loop_DW.output2, blockError) == 0;
+           analogChannel_start(&analog_loop_DW.output2, blockError) == 0 &&
+           boardMonitor_start(&analog_loop_DW.monitor, blockError) == 0;
 }
 
 void analog_loop_initialize(void) {
+    kv_initModelRun();
     blockError = kvError_new();
     if (!startBlocks()) {
         errorStatus = kvError_getMsg(blockError);
@@ -84,6 +89,7 @@ void analog_loop_step(void) {
 }
 
 void analog_loop_terminate(void) {
+    boardMonitor_terminate(&analog_loop_DW.monitor);
     analogChannel_terminate(&analog_loop_DW.output2);
     analogChannel_terminate(&analog_loop_DW.output1);
     analogChannel_terminate(&analog_loop_DW.input1);

@@ -3,7 +3,7 @@
  * block work (DW) in one structure each, and four entry points.
  *
  * A low-pass filter follows an input of the first board; a sine is laid over it and drives an output of that
- * board, and inverted one of the second board.
+ * board, and inverted one of the second board. A monitor watches the first board beside the model.
  */
 #ifndef ANALOG_LOOP_H
 #define ANALOG_LOOP_H
@@ -12,6 +12,7 @@
 
 #include "blocks/analog_channel.h"
 #include "blocks/analog_setup.h"
+#include "blocks/board_monitor.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -39,6 +40,7 @@ typedef struct {
     AnalogChannel input1;
     AnalogChannel output1;
     AnalogChannel output2;
+    BoardMonitor monitor;
 } DW_analog_loop_T;
 
 extern const P_analog_loop_T analog_loop_P;
