@@ -60,7 +60,7 @@ fs::path findMachine(const std::string& nameOrPath) {
         if (file.stem() == nameOrPath) {
             return file;
         }
-        names += " " + file.stem().string();
+        names.append(" ").append(file.stem().string());
     }
     throw DescriptionError("there is no machine \"" + nameOrPath + "\"; there " +
                            (names.empty() ? "is none at all" : "are:" + names));

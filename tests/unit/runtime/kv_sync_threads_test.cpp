@@ -26,6 +26,7 @@ TEST(BaseRate, IsWaitedForBrieflyUntilItsServiceStopsEvenWithoutHavingStarted) {
 }
 
 TEST(BaseRate, ReleasesEveryThreadThatPollsForIt) {
+    ASSERT_NE(kv_waitForBaseRateSync(), 0) << "another test of this process has started the base rate";
     std::atomic<int> timedOut{0};
     int prepared = 0;  // written before the signal, read after the wait: ordered by these two alone
     std::vector<std::jthread> workers;
