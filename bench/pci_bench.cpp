@@ -3,7 +3,6 @@
 #include <kvsim/machine.h>
 #include <memory>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include <kv/pci.h>
 
 #include "goal.h"
+#include "run_on.h"
 
 extern "C" {
 #include <pci/pci.h>
@@ -204,26 +204,6 @@ void addTopology(int buses) {
     add(name + "/baseline", topologyBaseline);
 }
 
-/** Runs benchmarks on a machine, in a process of its own since a process can enter one machine only. */
-template <typename Add>
-bool runOn(kvsim::Machine machine, Add addBenchmarks) {
-    const pid_t child = fork();
-    if (child == 0) {
-        try {
-            machine.enter();
-        } catch (const std::exception& error) {
-            std::fprintf(stderr, "skipped: %s\n", error.what());
-            _exit(EXIT_SUCCESS);
-        }
-        addBenchmarks();
-        benchmark::RunSpecifiedBenchmarks();
-        std::exit(EXIT_SUCCESS);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return status == 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -235,10 +215,11 @@ int main(int argc, char** argv) {
     bool good = true;
     for (const int boards : {64, 1024}) {
         const kvsim::Machine machine = machineOfBoards(boards);
-        good &= runOn(machine, [&] { addLookUps(boards, machine.description().pciFunctions.back()); });
+        good &=
+            kv::bench::runOn(machine, [&] { addLookUps(boards, machine.description().pciFunctions.back()); });
     }
     for (const int buses : {1, 16, 256}) {
-        good &= runOn(machineOfBuses(buses), [buses] { addTopology(buses); });
+        good &= kv::bench::runOn(machineOfBuses(buses), [buses] { addTopology(buses); });
     }
     return good ? EXIT_SUCCESS : EXIT_FAILURE;
 }

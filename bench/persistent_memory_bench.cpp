@@ -21,6 +21,7 @@
 #include <kv/memory.h>
 
 #include "goal.h"
+#include "run_on.h"
 
 namespace {
 
@@ -163,26 +164,6 @@ bool mayOpenEnough() {
     return descriptors.rlim_max > kNames + 100;
 }
 
-/** Runs benchmarks on a machine whose shared memory is its own, in a process that enters it. */
-template <typename Add>
-bool runOnMachine(Add addBenchmarks) {
-    const pid_t child = fork();
-    if (child == 0) {
-        try {
-            kvsim::Machine().enter();
-        } catch (const std::exception& error) {
-            std::fprintf(stderr, "skipped: %s\n", error.what());
-            _exit(EXIT_SUCCESS);
-        }
-        addBenchmarks();
-        benchmark::RunSpecifiedBenchmarks();
-        std::exit(EXIT_SUCCESS);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return status == 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -192,11 +173,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "skipped: persistent memory, a process may have too few descriptors here\n");
         return EXIT_SUCCESS;
     }
-    const bool gotten = runOnMachine([] {
+    const bool gotten = kv::bench::runOn({}, [] {
         benchmark::RegisterBenchmark("persistent memory: get 1000 names/ours", getOurs);
         benchmark::RegisterBenchmark("persistent memory: get 1000 names/baseline", getBaseline);
     });
-    const bool attached = runOnMachine([] {
+    const bool attached = kv::bench::runOn({}, [] {
         benchmark::RegisterBenchmark("persistent memory: re-attach 1000 names/ours", reattachOurs)
             ->UseManualTime();
         benchmark::RegisterBenchmark("persistent memory: re-attach 1000 names/baseline", reattachBaseline)
