@@ -1,4 +1,5 @@
 #include <cstdlib>
+#include <utility>
 
 #include <kv/diagnostics.h>
 #include <kv/lifecycle.h>
@@ -12,17 +13,18 @@ struct ExitHandlerEntry {
 };
 
 ExitHandlerEntry* kv_exitHandler_list = nullptr;
+bool registeredAtExit = false;
 
 }  // namespace
 
 void kv_add_exit_handler(void (*handler)(void*), void* argument) {
     auto* entry = static_cast<ExitHandlerEntry*>(std::malloc(sizeof(ExitHandlerEntry)));
     if (entry == nullptr) {
-        std::abort();  // hardware that a handler was to switch off would be left on without a word
+        std::abort();  // without its handler the process must not go on
     }
     *entry = {.next = nullptr, .handler = handler, .argument = argument};
     kv_printf(kv_debug, "Registering Kelvaro exit handler\n");
-    if (kv_exitHandler_list == nullptr) {
+    if (!std::exchange(registeredAtExit, true)) {
         std::atexit(kv_exit_handler);
     }
     ExitHandlerEntry** end = &kv_exitHandler_list;

@@ -20,15 +20,18 @@ bool kv_doesFsNodeExist(const char* pPath) {
 }
 
 void kv_fullFile(int nParts, char* path, ...) {
-    char* end = path;
-    *end = '\0';
     va_list parts;
     va_start(parts, path);
+    char* end = path;
     for (int i = 0; i < nParts; ++i) {
+        const char* part = va_arg(parts, const char*);
         if (i > 0) {
             end = stpcpy(end, "/");
+        } else if (part == path) {
+            end += std::strlen(path);  // callers append to what the buffer holds
+            continue;
         }
-        end = stpcpy(end, va_arg(parts, const char*));
+        end = stpcpy(end, part);
     }
     va_end(parts);
 }

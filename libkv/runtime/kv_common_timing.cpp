@@ -55,7 +55,7 @@ uint64_t kv_getTSCFrequency(void) {
 }
 
 void kv_wait_ns(uint32_t delay_ns) {
-    const uint64_t start = TickCounter::now();  // first: the arithmetic is part of the wait
+    const uint64_t start = TickCounter::now();  // before the arithmetic, which is part of the wait
     const auto frequency = static_cast<double>(TickCounter::frequency());
     const auto ticks = static_cast<uint64_t>(frequency * delay_ns / kNanosecondsPerSecond);
     while (TickCounter::now() - start < ticks) {

@@ -22,7 +22,8 @@ KV_BEGIN_DECLS
  */
 
 /**
- * Decides between model load and model run, frees persistent memory on a load, and registers
+ * Decides between model load and model run unless that is decided, frees persistent memory on a load that it
+ * finds, and registers
  * kv_tagModelAtExit() with atexit(). Call it once, before persistent memory is used; a further call only
  * registers again, which is harmless.
  */
@@ -44,11 +45,12 @@ KV_EXPORT void kv_setModelInit(void);
 KV_EXPORT void kv_clearModelInit(void);
 
 /**
- * Copies the model's identity to /tmp/kelvaro/model_uuid, unless it is there already. A process does so once:
- * further calls do nothing.
+ * Copies the model's identity to /tmp/kelvaro/model_uuid, unless it is there already. A process that has got
+ * as far as the path of its own identity does nothing on further calls; one that could not open the tag tries
+ * again.
  *
- * @return 0 when the identity is there now, when this process has tried before, and when the identity is
- *         empty; 1 with a log record when a file or the executable's path stands in the way
+ * @return 0 when the identity is there now, when there is nothing left to do, when another thread is at it,
+ * and when the identity is empty; 1 with a log record when a file or the executable's path stands in the way
  */
 KV_EXPORT int kv_tagModelRun(void);
 

@@ -126,16 +126,18 @@ KV_EXPORT int kv_pickNextAsyncCpu(void);
  * When one of the others may run on that processor only, nothing is moved. Threads started later inherit the
  * affinity of their creator.
  *
- * @return 0; ENOSYS on a machine with one processor, EINVAL for a processor that is not there, EBUSY as told
- *         above, or the error number of a failed system call, after which threads already moved stay moved.
- *         errno is left as it was.
+ * @return 0, also where the caller itself could then not be pinned; ENOSYS on a machine with one processor,
+ * EINVAL for a processor that is not there, EBUSY as told above, or the error number of a failed system call,
+ * after which threads already moved stay moved. errno is left as it was.
  */
 KV_EXPORT int kv_pinThreadExclusiveCpu(int cpu);
 
 /* ---- Base rate ---- */
 
 /**
- * Waits up to 100 us for the base rate to start; worker threads poll it. Once started it stays started.
+ * Waits up to 100 us of CLOCK_REALTIME for the base rate to start; worker threads poll it. Once started it
+ * stays started. Where a model's initialisation fails nobody starts it: end a worker by a flag of its own as
+ * well.
  *
  * @return 0 when the base rate has started; -1 when it has not yet
  */
