@@ -1,15 +1,15 @@
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <sys/wait.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/machine_temporary_folder.h"
+#include "support/shell.h"
 
+using kv::test::Outcome;
+using kv::test::shell;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
@@ -17,11 +17,6 @@ using testing::Not;
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Outcome {
-    int status;
-    std::string output;
-};
 
 /** The example model in an application folder of its own, on a machine that stays powered between its starts.
  */
@@ -38,16 +33,8 @@ class AnalogLoop : public testing::Test {
 
     /** Runs a command on the machine; its standard error goes with its output. */
     [[nodiscard]] Outcome run(const std::string& command) const {
-        const std::string line = std::string(KVSIM_PROGRAM) + " run --state " +
-                                 (folder_.path() / "state").string() + " ember -- " + command + " 2>&1";
-        std::FILE* pipe = popen(line.c_str(), "r");
-        std::string output;
-        std::array<char, 4096> buffer;
-        while (const std::size_t length = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
-            output.append(buffer.data(), length);
-        }
-        const int status = pclose(pipe);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+        return shell(std::string(KVSIM_PROGRAM) + " run --state " + (folder_.path() / "state").string() +
+                     " ember -- " + command);
     }
 
     [[nodiscard]] Outcome start(const std::string& environment = "") const {

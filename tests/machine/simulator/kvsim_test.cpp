@@ -13,31 +13,16 @@
 #include <gtest/gtest.h>
 
 #include "support/machine_temporary_folder.h"
+#include "support/shell.h"
 
 namespace {
 
+using kv::test::Outcome;
+using kv::test::shell;
 using kv::test::TemporaryFolder;
 using testing::HasSubstr;
 
 const std::string kKvsim = KVSIM_PROGRAM;
-
-struct Outcome {
-    int status;
-    std::string output;
-};
-
-/** Runs a shell line and takes both of its outputs. */
-Outcome shell(const std::string& line) {
-    std::FILE* const pipe = ::popen(("exec 2>&1; " + line).c_str(), "r");
-    std::string output;
-    char block[4096];
-    std::size_t count = 0;
-    while ((count = std::fread(block, 1, sizeof(block), pipe)) > 0) {
-        output.append(block, count);
-    }
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
 
 class Kvsim : public testing::Test {
  protected:

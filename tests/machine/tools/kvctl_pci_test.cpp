@@ -1,42 +1,24 @@
-#include <array>
-#include <cstdio>
 #include <kvsim/machine.h>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
-#include <sys/wait.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "support/machine_test.h"
+#include "support/shell.h"
 
+using kv::test::Outcome;
+using kv::test::shell;
 using nlohmann::json;
 using testing::HasSubstr;
 
 namespace {
 
-struct Outcome {
-    int status;
-    std::string output;
-};
-
-/** Runs a shell command; its standard error goes with its output. */
-Outcome run(const std::string& command) {
-    std::FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    std::string output;
-    std::array<char, 4096> buffer;
-    while (const std::size_t length = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
-        output.append(buffer.data(), length);
-    }
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
 Outcome kvctl(const std::string& arguments) {
-    return run(KVCTL_PROGRAM " " + arguments);
+    return shell(KVCTL_PROGRAM " " + arguments);
 }
 
 /** "bus:slot.function vendor:device" of every function in a topology. */
@@ -52,7 +34,7 @@ void collect(const json& functions, std::set<std::string>& list) {
 }
 
 TEST(KvctlPci, ListsTheFunctionsOfThisDeskAsLspciDoes) {
-    const Outcome lspci = run("lspci -n");
+    const Outcome lspci = shell("lspci -n");
     if (lspci.status != 0 || lspci.output.empty()) {
         GTEST_SKIP() << "lspci finds no PCI devices on this desk";
     }
