@@ -1,10 +1,9 @@
 #include "BaseRateLoop.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <ctime>
 #include <string>
 
+#include "Pace.h"
 #include "duration_text.h"
 #include "kernel_log.h"
 #include "model_error.h"
@@ -15,19 +14,6 @@ namespace {
 
 namespace trivial = boost::log::trivial;
 
-/** @return false when the run is to end; signals that don't end it don't cut the wait short either */
-bool waitUntil(std::chrono::steady_clock::time_point due, const std::atomic<bool>& stopRequested) {
-    const auto sinceBoot = due.time_since_epoch();
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceBoot);
-    const timespec deadline{seconds.count(), (sinceBoot - seconds).count()};
-    while (!stopRequested) {
-        if (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) != EINTR) {
-            return !stopRequested;
-        }
-    }
-    return false;
-}
-
 }  // namespace
 
 BaseRateLoop::BaseRateLoop(const Model& model, std::chrono::nanoseconds stopTime,
@@ -35,36 +21,39 @@ BaseRateLoop::BaseRateLoop(const Model& model, std::chrono::nanoseconds stopTime
     : model_(model), stopTime_(stopTime), stopRequested_(stopRequested) {}
 
 void BaseRateLoop::run() {
-    const auto origin = Clock::now();
-    auto due = origin;
-    while (stopTime_ == stopTime_.zero() || due - origin < stopTime_) {
-        if (!waitUntil(due, stopRequested_)) {
-            return;
+    const RunEnd end(stopTime_, stopRequested_);
+    const auto pace = makePace(model_, end);
+    bool goesOn = true;
+    while (goesOn) {
+        Trigger next;
+        goesOn = pace->await(next);
+        // Triggers before the first step were missed by none.
+        if (next.missed > 0 && steps_ > 0) {
+            countOverrun(next.missed);
         }
-        const auto begin = Clock::now();
-        jitter_.add(begin - due);
-        model_.step();
-        const auto end = Clock::now();
-        ++steps_;
-        maxStepTime_ = std::max(maxStepTime_, end - begin);
-        throwModelError(model_);
-
-        due += model_.basePeriod;
-        if (end >= due) {
-            const auto skipped = (end - due) / model_.basePeriod + 1;
-            countOverrun(begin - (due - model_.basePeriod), end - begin, static_cast<std::uint64_t>(skipped));
-            due += skipped * model_.basePeriod;
+        if (goesOn) {
+            takeStep(next.due);
         }
     }
 }
 
-void BaseRateLoop::countOverrun(std::chrono::nanoseconds lateness, std::chrono::nanoseconds stepTime,
-                                std::uint64_t skipped) {
+void BaseRateLoop::takeStep(Clock::time_point due) {
+    const auto begin = Clock::now();
+    lastLatency_ = begin - due;
+    latency_.add(lastLatency_);
+    model_.step();
+    lastStepTime_ = Clock::now() - begin;
+    ++steps_;
+    maxStepTime_ = std::max(maxStepTime_, lastStepTime_);
+    throwModelError(model_);
+}
+
+void BaseRateLoop::countOverrun(std::uint64_t skipped) {
     if (overruns_ == 0) {
-        log(trivial::warning, "step " + std::to_string(steps_) + " began " + durationText(lateness) +
-                                  " late, took " + durationText(stepTime) +
-                                  " and overran the base period of " + durationText(model_.basePeriod) +
-                                  "; further overruns are counted");
+        log(trivial::warning, "step " + std::to_string(steps_) + " began " + durationText(lastLatency_) +
+                                  " late and took " + durationText(lastStepTime_) + "; " +
+                                  std::to_string(skipped) +
+                                  " base periods passed without a step; further overruns are counted");
     }
     ++overruns_;
     skippedPeriods_ += skipped;
@@ -74,9 +63,11 @@ void BaseRateLoop::describe(RunReport& report) const {
     report.steps = steps_;
     report.overruns = overruns_;
     report.skippedPeriods = skippedPeriods_;
-    report.medianJitter = jitter_.quantile(0.5);
-    report.percentile99Jitter = jitter_.quantile(0.99);
-    report.maxJitter = jitter_.max();
+    report.medianLatency = latency_.quantile(0.5);
+    report.percentile99Latency = latency_.quantile(0.99);
+    report.percentile999Latency = latency_.quantile(0.999);
+    report.maxLatency = latency_.max();
+    report.latency = latency_.buckets();
     report.maxStepTime = maxStepTime_;
 }
 

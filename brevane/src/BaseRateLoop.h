@@ -10,7 +10,7 @@
 
 namespace brevane {
 
-/** Calls a model's step on an absolute grid of CLOCK_MONOTONIC, and keeps account of how well that went. */
+/** Calls a model's step at the model's pace, and keeps account of how well that went. */
 class BaseRateLoop {
  public:
     /** @param stopTime zero for no end */
@@ -30,14 +30,16 @@ class BaseRateLoop {
  private:
     using Clock = std::chrono::steady_clock;
 
-    void countOverrun(std::chrono::nanoseconds lateness, std::chrono::nanoseconds stepTime,
-                      std::uint64_t skipped);
+    void takeStep(Clock::time_point due);
+    void countOverrun(std::uint64_t skipped);
 
     const Model& model_;
     std::chrono::nanoseconds stopTime_;
     const std::atomic<bool>& stopRequested_;
 
-    LatencyHistogram jitter_;
+    LatencyHistogram latency_;
+    std::chrono::nanoseconds lastLatency_{0};
+    std::chrono::nanoseconds lastStepTime_{0};
     std::chrono::nanoseconds maxStepTime_{0};
     std::uint64_t steps_ = 0;
     std::uint64_t overruns_ = 0;

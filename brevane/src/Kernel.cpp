@@ -94,6 +94,7 @@ RunReport Kernel::run() {
     Logger::setUpSinks();
     RunReport report;
     report.model = model_.name;
+    report.triggered = model_.awaitTrigger != nullptr;
     succeeds(report, [&] {
         if (used_.exchange(true)) {
             throw std::logic_error("this kernel has run its model already");
@@ -130,7 +131,9 @@ void Kernel::runModel(RunReport& report) {
 }
 
 void Kernel::runBaseRate(RunReport& report) {
-    log(trivial::info, "model " + model_.name + " runs, base period " + durationText(model_.basePeriod));
+    log(trivial::info, "model " + model_.name + " runs, " +
+                           (report.triggered ? "its steps called by its trigger"
+                                             : "base period " + durationText(model_.basePeriod)));
     BaseRateLoop loop(model_, stopTime_, stopRequested_);
     {
         const LockedMemory memory;

@@ -7,6 +7,9 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
+
+#include <brevane/Kernel.h>
 
 namespace brevane {
 
@@ -39,6 +42,17 @@ class LatencyHistogram {
     }
 
     [[nodiscard]] std::chrono::nanoseconds max() const noexcept { return std::chrono::nanoseconds(max_); }
+
+    /** The buckets that aren't empty, in ascending order. */
+    [[nodiscard]] std::vector<LatencyBucket> buckets() const {
+        std::vector<LatencyBucket> filled;
+        for (std::size_t bucket = 0; bucket < counts_.size(); ++bucket) {
+            if (counts_[bucket] > 0) {
+                filled.push_back({std::chrono::nanoseconds(upperEndOf(bucket)), counts_[bucket]});
+            }
+        }
+        return filled;
+    }
 
  private:
     static constexpr unsigned kBitsPerDoubling = 5;

@@ -1,17 +1,23 @@
 #include <chrono>
+#include <exception>
+#include <iomanip>
 #include <iostream>
+#include <optional>
+#include <sstream>
 #include <string>
 
 #include <CLI/CLI.hpp>
 
 #include <brevane/Kernel.h>
 
+#include "output_file.h"
+
 namespace brevane {
 
 namespace {
 
 constexpr int kExitGood = 0;
-constexpr int kExitModelError = 1;
+constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
 /** A number that is no number at all compares false with everything, so the range is asked for, not excluded.
@@ -25,6 +31,53 @@ std::string checkSeconds(const std::string& text) {
     return inRange ? "" : "\"" + text + "\" is no number of seconds between 1e-9 and 1e9";
 }
 
+/** An option that names a file to write after the run. What can't be done is told on standard error. */
+class FileOption {
+ public:
+    FileOption(CLI::App& app, const char* name, const char* description)
+        : name_(name), option_(app.add_option(name, path_, description)->type_name("FILE")) {}
+
+    /** True also where the option isn't given. */
+    bool open() {
+        return option_->empty() || succeeds([&] { file_.emplace(path_); });
+    }
+
+    /** Writes what @p print puts into a stream. True also where the option isn't given. */
+    template <typename Print>
+    bool write(Print&& print) {
+        return !file_ || succeeds([&] {
+            std::ostringstream content;
+            print(content);
+            file_->write(content.str());
+        });
+    }
+
+ private:
+    template <typename Action>
+    bool succeeds(Action&& action) {
+        try {
+            action();
+            return true;
+        } catch (const std::exception& failure) {
+            std::cerr << name_ << ' ' << path_ << ": " << failure.what() << std::endl;
+            return false;
+        }
+    }
+
+    const char* name_;
+    std::string path_;
+    CLI::Option* option_;
+    std::optional<OutputFile> file_;
+};
+
+void printLatency(std::ostream& out, const RunReport& report) {
+    out << "upper_bound_us,steps\n";
+    for (const LatencyBucket& bucket : report.latency) {
+        out << bucket.upTo.count() / 1000 << '.' << std::setfill('0') << std::setw(3)
+            << bucket.upTo.count() % 1000 << ',' << bucket.steps << '\n';
+    }
+}
+
 }  // namespace
 
 int runMain(int argc, char** argv, const Model& model) {
@@ -33,10 +86,19 @@ int runMain(int argc, char** argv, const Model& model) {
     app.add_option("--stop-time", stopTimeSeconds, "End the run after this time")
         ->check(CLI::Validator(checkSeconds, ""))
         ->type_name("SECONDS");
+    FileOption latency(app, "--latency", "Write the histogram of the latencies of the steps");
+    std::optional<FileOption> record;
+    if (model.record != nullptr) {
+        record.emplace(app, "--record", "Write what the model records");
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {
         return app.exit(wrong) == 0 ? kExitGood : kExitUsage;
+    }
+
+    if (!latency.open() || (record && !record->open())) {
+        return kExitFailed;
     }
 
     Kernel kernel(model);
@@ -44,7 +106,9 @@ int runMain(int argc, char** argv, const Model& model) {
         std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(stopTimeSeconds)));
     const RunReport report = kernel.run();
     std::cout << report << std::flush;
-    return report.error.empty() ? kExitGood : kExitModelError;
+    const bool latencyWritten = latency.write([&](std::ostream& out) { printLatency(out, report); });
+    const bool recordWritten = !record || record->write(model.record);
+    return report.error.empty() && latencyWritten && recordWritten ? kExitGood : kExitFailed;
 }
 
 }  // namespace brevane

@@ -24,7 +24,7 @@ StopSignals::StopSignals(std::atomic<bool>& stopRequested) {
     stopFlag = &stopRequested;
     struct sigaction action {};
     action.sa_handler = handle;
-    // Other threads' system calls go on; clock_nanosleep returns all the same.
+    // Other threads' system calls go on; clock_nanosleep and poll return all the same.
     action.sa_flags = SA_RESTART;
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
         sigaction(kSignals[i], &action, &former_[i]);

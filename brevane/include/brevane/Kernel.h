@@ -5,14 +5,24 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <vector>
 
 #include <brevane/export.h>
 
 namespace brevane {
 
+/** What called for a step: an interrupt of a board, say. */
+struct Trigger {
+    /** When it fired, on CLOCK_MONOTONIC. */
+    std::chrono::steady_clock::time_point due;
+    /** How many triggers fired after the one of the previous step and before this one, and had no step. */
+    std::uint64_t missed = 0;
+};
+
 /** What generated code hands to the kernel: the entry points of one model. Only step is required. */
 struct Model {
     std::string name;
+    /** The time between two steps. Of no effect on a model that has a trigger. */
     std::chrono::nanoseconds basePeriod{std::chrono::milliseconds(1)};
 
     /** Runs once before the first step. */
@@ -21,25 +31,69 @@ struct Model {
     void (*step)() = nullptr;
     /** Runs once after the last step, also when initialisation or a step reported an error. */
     void (*terminate)() = nullptr;
-    /** Text of the model's error, null while there is none. Asked after initialisation and after each step.
+    /**
+     * Text of the model's error, null while there is none. Asked after initialisation, after each step and
+     * after each wait for a trigger that ends without one.
      */
     const char* (*errorStatus)() = nullptr;
+
+    /**
+     * Optional: makes something else than the clock drive the base rate. Called on the base-rate thread, it
+     * blocks until the next step is due and says what made it so; the step follows at once. The trigger's
+     * missed count is not looked at before the first step, so a block that only has a running total may
+     * start from any.
+     *
+     * It returns false, and no step follows, when no trigger has fired within @p timeout (1 ms to 100 ms) or
+     * a signal came. The kernel then ends the run if a stop was requested, the stop time is over or the model
+     * has an error status, and otherwise calls it again at once. A false that comes at once therefore has to
+     * go with an error status: it would keep the base-rate thread spinning.
+     *
+     * The time-out is what lets a run end when the board is dead and when a signal comes just before the
+     * wait, so a block must not wait in a system call that has none. A block of a descriptor waits in
+     * poll(fd, POLLIN, timeout.count()), returns false on 0 and on EINTR, and reads the descriptor only when
+     * poll finds it readable, which doesn't block then.
+     */
+    bool (*awaitTrigger)(std::chrono::milliseconds timeout, Trigger& trigger) = nullptr;
+
+    /**
+     * Optional: writes what the model has recorded as comma-separated values. Asked by runMain() when the run
+     * is over and the model terminated, also after a failed run; what is recorded has to outlive terminate.
+     */
+    void (*record)(std::ostream& out) = nullptr;
+};
+
+/** How many steps were how late. */
+struct LatencyBucket {
+    /** The longest latency that is counted here; the shortest is the one above the bucket before. */
+    std::chrono::nanoseconds upTo;
+    std::uint64_t steps;
 };
 
 /** How one run went. Times are measured on CLOCK_MONOTONIC. */
 struct RunReport {
     /** The model's name. */
     std::string model;
+    /** Whether a trigger drove the base rate, and not the clock. */
+    bool triggered = false;
     std::uint64_t steps = 0;
-    /** Steps that were still running when the next base period began. */
-    std::uint64_t overruns = 0;
-    /** Base periods without a step, because an earlier step was still running when they began. */
-    std::uint64_t skippedPeriods = 0;
-    /** How late steps began, measured from their places on the time grid. All but the maximum are within 4 %.
+    /**
+     * Steps that were still running when the next base period began; of a triggered model, those after which
+     * triggers were missed.
      */
-    std::chrono::nanoseconds medianJitter{0};
-    std::chrono::nanoseconds percentile99Jitter{0};
-    std::chrono::nanoseconds maxJitter{0};
+    std::uint64_t overruns = 0;
+    /** Base periods without a step, because an earlier step was still running; or triggers that were missed.
+     */
+    std::uint64_t skippedPeriods = 0;
+    /**
+     * How late steps began, measured from their places on the time grid or from the moment their triggers
+     * fired. All but the maximum are within 4 %.
+     */
+    std::chrono::nanoseconds medianLatency{0};
+    std::chrono::nanoseconds percentile99Latency{0};
+    std::chrono::nanoseconds percentile999Latency{0};
+    std::chrono::nanoseconds maxLatency{0};
+    /** The histogram of these, in ascending order, without the empty buckets. */
+    std::vector<LatencyBucket> latency;
     std::chrono::nanoseconds maxStepTime{0};
     /** False where the rights for SCHED_FIFO were missing, or the run failed before its first step. */
     bool realTime = false;
@@ -60,7 +114,8 @@ BREVANE_EXPORT std::ostream& operator<<(std::ostream& out, const RunReport& repo
  *
  * Step n is due n base periods after the first. A step that is still running when further periods begin makes
  * these periods pass without a step: the grid stays where it is and steps never run in a burst. The first
- * such overrun is logged, then a summary at the end.
+ * such overrun is logged, then a summary at the end. A model with a trigger steps whenever that fires, and
+ * the triggers it misses are the periods without a step; everything else is the same.
  */
 class BREVANE_EXPORT Kernel {
  public:
@@ -72,7 +127,10 @@ class BREVANE_EXPORT Kernel {
 
     explicit Kernel(Model model);
 
-    /** Ends the run by itself after this much time; zero, the default, runs until stop() or a signal. */
+    /**
+     * Ends the run by itself after this much time, measured on CLOCK_MONOTONIC from the first step that is
+     * due or, with a trigger, the first wait for it; zero, the default, runs until stop() or a signal.
+     */
     void setStopTime(std::chrono::nanoseconds stopTime);
 
     /**
@@ -88,8 +146,9 @@ class BREVANE_EXPORT Kernel {
     RunReport run();
 
     /**
-     * Ends the run after the current step, at the latest when the next one is due. May be called from any
-     * thread, from signal handlers and before run(), which then takes no step.
+     * Ends the run after the current step, at the latest when the next one is due; a wait for a trigger ends
+     * after 100 ms at the latest. May be called from any thread, from signal handlers and before run(), which
+     * then takes no step.
      */
     void stop() noexcept;
 
@@ -107,7 +166,14 @@ class BREVANE_EXPORT Kernel {
  * The main function of a model's executable: understands --stop-time SECONDS and --help, runs the model and
  * prints its report to standard output.
  *
- * @return the exit status: 0 after a good run, 1 after a failed one, 2 when the command line is wrong
+ * --latency FILE writes the histogram of the run's latencies, one line "upper_bound_us,steps" for each bucket
+ * after a header of these words. --record FILE writes what the model has recorded; only models that record
+ * know the option. The files are opened before the model is touched, and written, over what they held, after
+ * the run, also a failed one. A file that can't be opened or written is told on standard error; where one
+ * can't be opened nothing runs and the others keep what they hold.
+ *
+ * @return the exit status: 0 after a good run, 1 after a failed one or when a file can't be opened or
+ *         written, 2 when the command line is wrong
  */
 BREVANE_EXPORT int runMain(int argc, char** argv, const Model& model);
 

@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -27,6 +29,26 @@ TEST(LatencyHistogram, KnowsQuantilesWithinFourPercentAtEveryScale) {
     }
 }
 
+TEST(LatencyHistogram, PutsEveryValueIntoTheBucketThatItsBoundsSay) {
+    const std::vector<std::int64_t> values = {0, 1, 63, 64, 65, 66, 12'345, 12'345, 1'000'000'007};
+    LatencyHistogram histogram;
+    for (const std::int64_t value : values) {
+        histogram.add(nanoseconds(value));
+    }
+    std::int64_t lower = -1;
+    std::uint64_t total = 0;
+    for (const auto& [upTo, steps] : histogram.buckets()) {
+        const auto inside =
+            std::count_if(values.begin(), values.end(),
+                          [&, upper = upTo.count()](auto value) { return value > lower && value <= upper; });
+        EXPECT_EQ(steps, static_cast<std::uint64_t>(inside)) << "up to " << upTo.count() << " ns";
+        EXPECT_GT(steps, 0U);
+        lower = upTo.count();
+        total += steps;
+    }
+    EXPECT_EQ(total, values.size());
+}
+
 TEST(LatencyHistogram, TakesTheExtremes) {
     LatencyHistogram histogram;
     EXPECT_EQ(histogram.quantile(0.5), nanoseconds(0));
@@ -37,6 +59,7 @@ TEST(LatencyHistogram, TakesTheExtremes) {
     histogram.add(nanoseconds::max());
     EXPECT_EQ(histogram.quantile(0.5), nanoseconds(0));
     EXPECT_EQ(histogram.quantile(1.0), nanoseconds::max());
+    EXPECT_EQ(histogram.buckets().back().upTo, nanoseconds::max());
     EXPECT_EQ(histogram.max(), nanoseconds::max());
 }
 

@@ -1,6 +1,11 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,10 +14,13 @@
 
 using brevane::Model;
 using testing::AllOf;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
+
+namespace fs = std::filesystem;
 
 struct Outcome {
     int status;
@@ -20,14 +28,19 @@ struct Outcome {
     std::string errors;
 };
 
-Outcome runMain(std::string argument, const Model& model) {
-    char program[] = "pump";
-    char* argv[] = {program, argument.data(), nullptr};
+Outcome runMain(std::vector<std::string> arguments, const Model& model) {
+    arguments.insert(arguments.begin(), "pump");
+    std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
     std::ostringstream output;
     std::ostringstream errors;
     auto* formerOutput = std::cout.rdbuf(output.rdbuf());
     auto* formerErrors = std::cerr.rdbuf(errors.rdbuf());
-    const int status = brevane::runMain(2, argv, model);
+    const int status = brevane::runMain(static_cast<int>(arguments.size()), argv.data(), model);
     std::cout.rdbuf(formerOutput);
     std::cerr.rdbuf(formerErrors);
     return {status, output.str(), errors.str()};
@@ -37,12 +50,12 @@ TEST(RunMain, RunsForTheGivenTimeAndTellsHowItWent) {
     Model model;
     model.name = "pump";
     model.step = [] {};
-    const Outcome good = runMain("--stop-time=0.01", model);
+    const Outcome good = runMain({"--stop-time=0.01"}, model);
     EXPECT_EQ(good.status, 0);
     EXPECT_THAT(good.output, AllOf(StartsWith("model       pump\n"), HasSubstr("result      good\n")));
 
     model.errorStatus = [] { return "tank is empty"; };
-    const Outcome failed = runMain("--stop-time=0.01", model);
+    const Outcome failed = runMain({"--stop-time=0.01"}, model);
     EXPECT_EQ(failed.status, 1);
     EXPECT_THAT(failed.output, HasSubstr("result      tank is empty\n"));
 }
@@ -51,17 +64,113 @@ TEST(RunMain, RefusesAWrongCommandLineWithoutRunning) {
     Model model;
     model.initialize = [] { FAIL() << "the model ran"; };
     for (const char* wrong : {"--stop-time=0", "--stop-time=-1", "--stop-time=nan", "--stop-time=inf",
-                              "--stop-time=1e300", "--stop-time=1s", "--stop-time=", "--fast", "extra"}) {
-        const Outcome outcome = runMain(wrong, model);
+                              "--stop-time=1e300", "--stop-time=1s", "--stop-time=", "--record=f", "extra"}) {
+        const Outcome outcome = runMain({wrong}, model);
         EXPECT_EQ(outcome.status, 2) << wrong;
         EXPECT_EQ(outcome.output, "") << wrong;
         EXPECT_NE(outcome.errors, "") << wrong;
     }
-    EXPECT_THAT(runMain("--stop-time=1s", model).errors, StartsWith("--stop-time: \"1s\" is no number"));
+    EXPECT_THAT(runMain({"--stop-time=1s"}, model).errors, StartsWith("--stop-time: \"1s\" is no number"));
 
-    const Outcome help = runMain("--help", model);
+    const Outcome help = runMain({"--help"}, model);
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.output, HasSubstr("--stop-time SECONDS"));
+}
+
+/** A model that records how many steps it has taken. */
+Model recordingModel() {
+    static int steps = 0;
+    Model model;
+    model.initialize = [] { steps = 0; };
+    model.step = [] { ++steps; };
+    model.record = [](std::ostream& out) { out << "steps\n" << steps << '\n'; };
+    return model;
+}
+
+class RunMainFiles : public testing::Test {
+ protected:
+    RunMainFiles() {
+        std::string pattern = fs::temp_directory_path() / "run_main.XXXXXX";
+        folder_ = mkdtemp(pattern.data());
+    }
+    ~RunMainFiles() override { fs::remove_all(folder_); }
+
+    Outcome run(const std::string& recordPath, const std::string& latencyPath, const Model& model) const {
+        return runMain({"--stop-time=0.02", "--record", recordPath, "--latency", latencyPath}, model);
+    }
+
+    static std::vector<std::string> linesOf(const std::string& path) {
+        std::ifstream file(path);
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(file, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    fs::path folder_;
+};
+
+TEST_F(RunMainFiles, HoldTheRecordAndTheLatenciesOfARunAlsoOfAFailedOne) {
+    const std::string recordPath = folder_ / "record.csv";
+    const std::string latencyPath = folder_ / "latency.csv";
+    std::ofstream(recordPath) << "of an\nearlier,\nlonger\nrun\n";
+    Model model = recordingModel();
+    ASSERT_EQ(run(recordPath, latencyPath, model).status, 0);
+    const auto record = linesOf(recordPath);
+    const auto latency = linesOf(latencyPath);
+    ASSERT_EQ(record.size(), 2U);
+    EXPECT_EQ(record[0], "steps");
+    ASSERT_GE(latency.size(), 2U);
+    EXPECT_EQ(latency[0], "upper_bound_us,steps");
+
+    unsigned long steps = 0;
+    double formerBound = -1;
+    for (std::size_t i = 1; i < latency.size(); ++i) {
+        char* afterBound = nullptr;
+        const double bound = std::strtod(latency[i].c_str(), &afterBound);
+        ASSERT_EQ(*afterBound, ',') << latency[i];
+        EXPECT_GT(bound, formerBound);
+        EXPECT_LT(bound, 10e6) << "no step began ten seconds late";
+        formerBound = bound;
+        steps += std::stoul(afterBound + 1);
+    }
+    EXPECT_EQ(std::to_string(steps), record[1]);
+
+    model.errorStatus = [] { return "tank is empty"; };
+    EXPECT_EQ(run(recordPath, latencyPath, model).status, 1);
+    EXPECT_THAT(linesOf(recordPath), ElementsAre("steps", "0"));
+    EXPECT_THAT(linesOf(latencyPath), ElementsAre("upper_bound_us,steps"));
+}
+
+TEST_F(RunMainFiles, ThatCannotBeOpenedKeepTheModelFromRunning) {
+    Model model = recordingModel();
+    model.initialize = [] { FAIL() << "the model ran"; };
+    const std::string good = folder_ / "good.csv";
+    const std::string missing = folder_ / "missing" / "record.csv";
+    std::ofstream(good) << "of an earlier run\n";
+
+    const Outcome noFolder = run(missing, good, model);
+    EXPECT_EQ(noFolder.status, 1);
+    EXPECT_EQ(noFolder.output, "");
+    EXPECT_EQ(noFolder.errors, "--record " + missing + ": No such file or directory\n");
+    EXPECT_EQ(run(good, folder_, model).errors, "--latency " + folder_.string() + ": Is a directory\n");
+    EXPECT_EQ(run(good, "", model).status, 1);
+    EXPECT_THAT(linesOf(good), ElementsAre("of an earlier run"));
+}
+
+TEST_F(RunMainFiles, ThatCannotBeWrittenFailTheRunButNotEachOther) {
+    Model model = recordingModel();
+    const std::string good = folder_ / "good.csv";
+    const Outcome full = run(good, "/dev/full", model);
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(full.errors, "--latency /dev/full: No space left on device\n");
+    EXPECT_EQ(linesOf(good).size(), 2U);
+
+    model.record = [](std::ostream&) { throw std::runtime_error("valve stuck"); };
+    const Outcome thrown = run(good, folder_ / "latency.csv", model);
+    EXPECT_EQ(thrown.status, 1);
+    EXPECT_EQ(thrown.errors, "--record " + good + ": valve stuck\n");
 }
 
 }  // namespace
