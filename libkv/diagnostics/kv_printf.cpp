@@ -11,6 +11,8 @@
 #include <brevane/Logger.h>
 #include <kv/diagnostics.h>
 
+#include "os/kept_errno.h"
+
 namespace {
 
 namespace trivial = boost::log::trivial;
@@ -46,6 +48,7 @@ void kv_printf(Severity severity, const char* msg, ...) {
     if (!loggingEnabled()) {
         return;
     }
+    const kv::os::KeptErrno callersReason;
 
     std::array<char, kBufferSize> buffer;
     va_list arguments;

@@ -15,6 +15,7 @@ namespace {
 
 using namespace kv::memory;
 using kv::os::Mapping;
+using kv::os::pointerTo;
 
 /** Makes the head of a fragment that has just been mapped. */
 FragmentHead* makeFragment(void* mapping, std::size_t sizeBytes, uint32_t usedBytes) {
@@ -32,6 +33,14 @@ FragmentHead* makeFragment(void* mapping, std::size_t sizeBytes, uint32_t usedBy
 }
 
 FragmentHead* createBlock(const std::string& name) {
+    // Asked first: without the list nobody knows whether an object of this name is a block that holds data.
+    if (!loadList()) {
+        kv_printf(kv_debug, "Could not add PersMem to list: %s\n", name.c_str());
+        return nullptr;
+    }
+    if (FragmentHead* listed = getMemDesc(name.c_str())) {
+        return listed;  // the list could not be loaded when it was asked for the name
+    }
     SharedObject object;
     if (name != kListName) {
         (void)::shm_unlink(("/" + name).c_str());  // left by a process that ended before it listed the block
@@ -44,7 +53,7 @@ FragmentHead* createBlock(const std::string& name) {
     FragmentHead* block = makeFragment(object.mapping.get(), kObjectBytes, 0);
     block->fileDesc = object.file.get();
     block->totalSize = kObjectBytes;
-    if (!loadList() || !addToList(name, block, std::move(object.file))) {
+    if (!addToList(name, block, std::move(object.file))) {
         kv_printf(kv_debug, "Could not add PersMem to list: %s\n", name.c_str());
         return nullptr;
     }

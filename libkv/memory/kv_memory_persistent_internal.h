@@ -36,11 +36,6 @@ namespace kv::memory {
 /** Size of a fresh object; fragments are multiples of it. */
 constexpr std::size_t kObjectBytes = 65536;
 
-/** The format and the kernel's hints hold addresses as numbers. */
-inline void* pointerTo(uintptr_t address) {
-    return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
-}
-
 /** Name of the object that lists the blocks. */
 constexpr const char* kListName = "kv_persMem_main";
 

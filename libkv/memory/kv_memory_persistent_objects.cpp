@@ -14,6 +14,8 @@ namespace kv::memory {
 
 namespace {
 
+using os::pointerTo;
+
 constexpr mode_t kObjectMode = 0777;
 
 constexpr uintptr_t kListHint = 0x7700000000;

@@ -1,11 +1,18 @@
 #pragma once
 
-#include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <sys/mman.h>
 #include <utility>
 
+#include "os/kept_errno.h"
+
 namespace kv::os {
+
+/** Where something is mapped is often told and kept as a number. */
+inline void* pointerTo(std::uintptr_t address) noexcept {
+    return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
 
 /** Owns a memory mapping. Unmapping keeps errno, so a failure can still be told after clean-up. */
 class Mapping {
@@ -32,9 +39,8 @@ class Mapping {
         if (old == nullptr) {
             return;
         }
-        const int savedErrno = errno;
+        const KeptErrno kept;
         ::munmap(old, lengthBytes_);
-        errno = savedErrno;
     }
 
  private:

@@ -1,10 +1,11 @@
 #pragma once
 
-#include <cerrno>
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
 #include <utility>
+
+#include "os/kept_errno.h"
 
 namespace kv::os {
 
@@ -29,9 +30,8 @@ class UniqueFd {
         if (old < 0) {
             return;
         }
-        const int savedErrno = errno;
+        const KeptErrno kept;
         ::close(old);
-        errno = savedErrno;
     }
 
  private:

@@ -39,7 +39,7 @@ extern KV_EXPORT char pKvErrorStr[KV_ERROR_STR_SIZE];
  *
  * A line becomes the record "KV: " + line on channel 0. Text after the last newline is dropped, so a message
  * without a newline writes nothing; a message longer than 511 characters is cut there and its last character
- * becomes the newline. A message that cannot be formatted is dropped.
+ * becomes the newline. A message that cannot be formatted is dropped. errno is left as it was.
  *
  * @param severity  a Severity; any other value writes a fixed error record in place of each line
  * @param msg       printf format; ends in a newline

@@ -173,6 +173,7 @@ TEST_F(DamagedPersistentMemory, LeavesWhatOccupiesAnOldAddressAlone) {
         EXPECT_EQ(records[3], debug("Open fragment at offset 0x10000 failed"));
         EXPECT_EQ(*wanted, 42);
     }
+    EXPECT_EQ(kv_allocPersistentMemory("pid", 8), nullptr) << "and does not replace what it cannot reach";
 
     ::munmap(occupied, 4096);
     EXPECT_NE(kv_getPersistentMemory("pid"), nullptr) << "nothing of the failed attempts is in the way";

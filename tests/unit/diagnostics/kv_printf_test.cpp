@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstddef>
 #include <stdexcept>
 #include <utility>
@@ -81,11 +82,12 @@ TEST(KvPrintf, DropsAMessageThatCannotBeFormatted) {
     EXPECT_THAT(log.take(), IsEmpty());
 }
 
-/** Fails for the first record that it gets. */
+/** Fails for the first record that it gets, and leaves an errno of its own. */
 class FailingOnceBackend
     : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
  public:
     void consume(const boost::log::record_view& /*record*/) {
+        errno = ENOSPC;
         if (!std::exchange(failed_, true)) {
             throw std::runtime_error("disk full");
         }
@@ -95,11 +97,13 @@ class FailingOnceBackend
     bool failed_ = false;
 };
 
-TEST(KvPrintf, LosesOnlyTheRecordThatASinkFailsFor) {
+TEST(KvPrintf, LosesOnlyTheRecordThatASinkFailsForAndKeepsErrno) {
     boost::log::core::get()->add_sink(
         boost::make_shared<boost::log::sinks::synchronous_sink<FailingOnceBackend>>());
     LogCapture log;
+    errno = ENOENT;
     kv_printf(kv_info, "a\nb\nc\n");
+    EXPECT_EQ(errno, ENOENT);
     EXPECT_THAT(log.take(), testing::IsSupersetOf({info("b"), info("c")}));
     boost::log::core::get()->remove_all_sinks();
 }
