@@ -1,11 +1,15 @@
 #include "kvsim/machine.h"
 
 #include <cstdlib>
+#include <optional>
 #include <utility>
 
+#include "active/active_machine.h"
+#include "host/machine_server.h"
 #include "host/private_mounts.h"
 #include "host/tree_writer.h"
 #include "layout/machine_layout.h"
+#include "layout/soc_layout.h"
 
 namespace kvsim {
 
@@ -14,6 +18,18 @@ namespace {
 // A plain bridge, for a description that only cares where it leads.
 constexpr std::uint16_t kBridgeVendor = 0x10b5;
 constexpr std::uint16_t kBridgeDevice = 0x8605;
+
+constexpr const char* kDefaultPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+/** Puts folders in front of those that a variable of the environment lists. */
+void prepend(std::string folders, const char* variable, const char* unlessSet) {
+    const char* const value = std::getenv(variable);
+    const std::string others = value == nullptr ? unlessSet : value;
+    if (!others.empty()) {  // an empty entry would be the current folder
+        folders += ":" + others;
+    }
+    ::setenv(variable, folders.c_str(), 1);
+}
 
 }  // namespace
 
@@ -62,6 +78,17 @@ PciFunctionBuilder& PciFunctionBuilder::serialPort(std::string name) {
     return *this;
 }
 
+PciFunctionBuilder& PciFunctionBuilder::irq(std::uint8_t number) {
+    function().irq = number;
+    return *this;
+}
+
+PciFunctionBuilder& PciFunctionBuilder::board(std::string name, std::vector<Plant> plants) {
+    function().board = std::move(name);
+    function().plants = std::move(plants);
+    return *this;
+}
+
 PciFunctionBuilder Machine::addPciFunction(PciFunction function) {
     description_.pciFunctions.push_back(std::move(function));
     return {description_, description_.pciFunctions.size() - 1};
@@ -77,13 +104,33 @@ PciFunctionBuilder Machine::addBridge(PciFunction bridge, std::uint8_t secondary
     return addPciFunction(std::move(bridge));
 }
 
-Machine& Machine::addPciDriver(std::string name) {
-    description_.pciDrivers.push_back(std::move(name));
+Machine& Machine::addPciDriver(std::string name, std::vector<PciDriver::Identity> identities) {
+    description_.pciDrivers.push_back({.name = std::move(name), .identities = std::move(identities)});
     return *this;
 }
 
 Machine& Machine::addPlatformDevice(PlatformDevice device) {
     description_.platformDevices.push_back(std::move(device));
+    return *this;
+}
+
+Machine& Machine::addAxiDevice(AxiDevice device) {
+    description_.axiDevices.push_back(std::move(device));
+    return *this;
+}
+
+Machine& Machine::addGpioChip(GpioChip chip) {
+    description_.gpioChips.push_back(std::move(chip));
+    return *this;
+}
+
+Machine& Machine::dmaMemory(std::uint64_t address, std::uint64_t sizeBytes) {
+    description_.dmaMemory = MemoryRange{.address = address, .sizeBytes = sizeBytes};
+    return *this;
+}
+
+Machine& Machine::cachedBuffer(std::uint64_t address, std::uint64_t sizeBytes) {
+    description_.cachedBuffer = MemoryRange{.address = address, .sizeBytes = sizeBytes};
     return *this;
 }
 
@@ -119,9 +166,19 @@ Machine& Machine::keepStateIn(std::string folder) {
 
 void Machine::enter() {
     validate(description_);
-    const FileTree tree = layOut(description_);
+    FileTree tree = layOut(description_);
+    std::optional<MachineServer> server;
+    if (isActive(description_)) {
+        tree.addFolder(kActiveFolder);
+        server.emplace(description_);
+    }
     enterPrivateMounts(stateFolder_);
     writeTree(tree);
+    if (server) {
+        server->serve();
+    }
+    prepend(kCommandFolder, "PATH", kDefaultPath);
+    prepend(KVSIM_LIBRARIES, "LD_LIBRARY_PATH", "");
     // sd-device believes that a /sys which is not the kernel's is none.
     ::setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);
 }

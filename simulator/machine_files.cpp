@@ -17,8 +17,6 @@ namespace {
 
 using kv::os::UniqueFd;
 
-constexpr const char* kMemoryDevice = "/dev/mem";
-
 [[noreturn]] void fail(const char* what, const std::string& path) {
     throw std::system_error(errno, std::generic_category(), std::string("cannot ") + what + " " + path);
 }
@@ -105,6 +103,10 @@ std::uint32_t PciFunctionFiles::barWord(unsigned bar, std::uint32_t offset) cons
 void PciFunctionFiles::setBarWord(unsigned bar, std::uint32_t offset, std::uint32_t value) const {
     const Place place = placeOf(path_, bars_, bar, offset);
     writeAt(place.path, place.offset, value);
+}
+
+void PciFunctionFiles::raiseInterrupt() const {
+    writeAt(path_ + "/raise_interrupt", 0, '1');
 }
 
 PciFunctionFiles Machine::pci(std::uint8_t bus, std::uint8_t slot, std::uint8_t function) const {

@@ -5,6 +5,8 @@
 #include <fstream>
 
 #include "description/checks.h"
+#include "description/gpio_reader.h"
+#include "description/soc_reader.h"
 #include "description/yaml_section.h"
 #include "layout/format.h"
 
@@ -55,14 +57,32 @@ std::map<std::string, std::string> readLines(const YAML::Node& node, const std::
     return texts;
 }
 
+FarEnd readTerminal(const YAML::Node& node) {
+    const YAML::Node farEnd = YamlSection(node, "a terminal", {"far-end"}).required("far-end");
+    const std::string text = readText(farEnd, "far-end");
+    if (text == "echo") {
+        return FarEnd::Echo;
+    }
+    if (text == "capture") {
+        return FarEnd::Capture;
+    }
+    if (text == "none") {
+        return FarEnd::None;
+    }
+    throw DescriptionError("far-end: \"" + text + "\" is none of echo, capture, none", positionOf(farEnd));
+}
+
 std::vector<ClassDevice> readClassDevices(const YAML::Node& list) {
     std::vector<ClassDevice> devices;
     forEach(list, "devices", [&devices](const YAML::Node& node) {
-        const YamlSection section(node, "a device", {"class", "name", "attributes"});
+        const YamlSection section(node, "a device", {"class", "name", "attributes", "terminal"});
         ClassDevice device{.className = section.text("class"), .name = section.text("name")};
         device.position = section.position();
         if (section.has("attributes")) {
             device.attributes = readLines(section.required("attributes"), "attributes");
+        }
+        if (section.has("terminal")) {
+            device.terminal = readTerminal(section.required("terminal"));
         }
         devices.push_back(std::move(device));
     });
@@ -81,21 +101,6 @@ BarSpace readSpace(const YAML::Node& node) {
         return BarSpace::Io;
     }
     throw DescriptionError("space: \"" + text + "\" is none of memory, prefetchable, io", positionOf(node));
-}
-
-std::map<std::uint32_t, std::uint32_t> readRegisters(const YAML::Node& map) {
-    if (!map.IsMap()) {
-        throw DescriptionError("registers must be a map from offsets to values", positionOf(map));
-    }
-    std::map<std::uint32_t, std::uint32_t> registers;
-    for (const auto& entry : map) {
-        const auto offset = static_cast<std::uint32_t>(readNumber(entry.first, "offset", 0, UINT32_MAX));
-        const auto value = static_cast<std::uint32_t>(readNumber(entry.second, "register", 0, UINT32_MAX));
-        if (!registers.emplace(offset, value).second) {
-            throw DescriptionError("the register is given twice", positionOf(entry.first));
-        }
-    }
-    return registers;
 }
 
 Bar readBar(const YAML::Node& node) {
@@ -121,6 +126,19 @@ ExpressCapability readExpress(const YAML::Node& node) {
     return express;
 }
 
+std::vector<Plant> readPlants(const YAML::Node& list) {
+    std::vector<Plant> plants;
+    forEach(list, "plants", [&plants](const YAML::Node& node) {
+        const YamlSection section(node, "a plant", {"output", "input", "gain", "time-constant"});
+        Plant plant{.output = section.number<unsigned>("output"), .input = section.number<unsigned>("input")};
+        plant.position = section.position();
+        section.optionalDecimal("gain", plant.gain);
+        section.optionalDecimal("time-constant", plant.timeConstantSeconds);
+        plants.push_back(plant);
+    });
+    return plants;
+}
+
 /** Reads the functions of one bus, each followed by those of the bus that it leads to. */
 class PciReader {
  public:
@@ -132,9 +150,10 @@ class PciReader {
 
  private:
     void readFunction(const YAML::Node& node, std::uint8_t bus) {
-        const YamlSection section(node, "a PCI function",
-                                  {"slot", "function", "id", "subsystem", "class", "revision", "irq",
-                                   "driver", "enabled", "express", "bars", "devices", "leads-to", "behind"});
+        const YamlSection section(
+            node, "a PCI function",
+            {"slot", "function", "id", "subsystem", "class", "revision", "irq", "driver", "enabled",
+             "express", "bars", "devices", "board", "plants", "leads-to", "behind"});
         if (functions_.size() == kMaxFunctions) {
             throw DescriptionError(format("there are more than %zu PCI functions", kMaxFunctions),
                                    section.position());
@@ -163,6 +182,10 @@ class PciReader {
         if (section.has("devices")) {
             function.classDevices = readClassDevices(section.required("devices"));
         }
+        section.optionalText("board", function.board);
+        if (section.has("plants")) {
+            function.plants = readPlants(section.required("plants"));
+        }
         if (section.has("leads-to")) {
             // Bus numbers grow from bridge to bridge, which also ends a list that holds itself.
             function.secondaryBus = section.number<std::uint8_t>("leads-to", bus + 1);
@@ -182,6 +205,29 @@ class PciReader {
 
     std::vector<PciFunction>& functions_;
 };
+
+/** A driver is a name, or a map where it has identities too. */
+PciDriver readPciDriver(const YAML::Node& node) {
+    if (!node.IsMap()) {
+        return {.name = readText(node, "a driver"), .position = positionOf(node)};
+    }
+    const YamlSection section(node, "a driver", {"name", "ids"});
+    PciDriver driver{.name = section.text("name"), .position = section.position()};
+    if (section.has("ids")) {
+        forEach(section.required("ids"), "ids", [&driver](const YAML::Node& id) {
+            const auto [vendor, device] = readIdentity(id, "ids");
+            driver.identities.push_back({.vendor = vendor, .device = device});
+        });
+    }
+    return driver;
+}
+
+std::vector<PciDriver> readPciDrivers(const YAML::Node& list) {
+    std::vector<PciDriver> drivers;
+    forEach(list, "pci-drivers",
+            [&drivers](const YAML::Node& node) { drivers.push_back(readPciDriver(node)); });
+    return drivers;
+}
 
 std::vector<PlatformDevice> readPlatformDevices(const YAML::Node& list) {
     std::vector<PlatformDevice> devices;
@@ -211,9 +257,10 @@ std::vector<PlainFile> readFiles(const YAML::Node& list) {
 }
 
 MachineDescription readMachine(const YAML::Node& document) {
-    const YamlSection section(document, "a machine",
-                              {"summary", "cpus", "temperature", "serial-number", "system-information",
-                               "pci-drivers", "pci", "platform", "files"});
+    const YamlSection section(
+        document, "a machine",
+        {"summary", "cpus", "temperature", "serial-number", "system-information", "pci-drivers", "pci", "axi",
+         "dma-memory", "cached-buffer", "gpio", "platform", "files"});
     MachineDescription machine;
     machine.summary = section.text("summary");
     if (section.has("cpus")) {
@@ -231,13 +278,22 @@ MachineDescription readMachine(const YAML::Node& document) {
         }
     }
     if (section.has("pci-drivers")) {
-        forEach(section.required("pci-drivers"), "pci-drivers", [&machine](const YAML::Node& driver) {
-            machine.pciDrivers.push_back(readText(driver, "a driver"));
-            requireFileName(machine.pciDrivers.back(), "a driver", positionOf(driver));
-        });
+        machine.pciDrivers = readPciDrivers(section.required("pci-drivers"));
     }
     if (section.has("pci")) {
         PciReader(machine.pciFunctions).readBus(section.required("pci"), "pci", 0);
+    }
+    if (section.has("axi")) {
+        machine.axiDevices = readAxiDevices(section.required("axi"));
+    }
+    if (section.has("dma-memory")) {
+        machine.dmaMemory = readMemoryRange(section.required("dma-memory"), "dma-memory");
+    }
+    if (section.has("cached-buffer")) {
+        machine.cachedBuffer = readMemoryRange(section.required("cached-buffer"), "cached-buffer");
+    }
+    if (section.has("gpio")) {
+        machine.gpioChips = readGpioChips(section.required("gpio"));
     }
     if (section.has("platform")) {
         machine.platformDevices = readPlatformDevices(section.required("platform"));

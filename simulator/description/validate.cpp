@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <filesystem>
-#include <map>
 #include <set>
 #include <tuple>
 
+#include "active/boards/board.h"
 #include "description/checks.h"
 #include "kvsim/description.h"
 #include "layout/format.h"
@@ -23,16 +23,7 @@ constexpr unsigned kBridgeBars = 2;
 constexpr unsigned kMinMemoryBarSize = 16;
 constexpr unsigned kMinIoBarSize = 4;
 constexpr unsigned kMaxExpressVersion = 2;
-constexpr std::uint64_t kMaxAddress = std::uint64_t{1} << 52;
 constexpr std::uint64_t kMaxIoAddress = 0x10000;
-
-[[noreturn]] void refuse(const std::string& reason, Position position) {
-    throw DescriptionError(reason, position);
-}
-
-std::string hex(std::uint64_t number) {
-    return format("0x%llx", static_cast<unsigned long long>(number));
-}
 
 class BarChecks {
  public:
@@ -44,8 +35,10 @@ class BarChecks {
             if (isWide(bar)) {
                 takeIndex(function, bar, bar.index + 1, taken);
             }
-            checkRegisters(bar);
-            checkOverlap(function, bar);
+            requireRegisters(bar.registers, "BAR", bar.sizeBytes, bar.position);
+            AddressRanges& ranges = bar.space == BarSpace::Io ? ioRanges_ : memoryRanges_;
+            ranges.add(format("BAR %u of %s", bar.index, pciName(function).c_str()), bar.address,
+                       bar.sizeBytes, bar.position);
         }
     }
 
@@ -59,11 +52,7 @@ class BarChecks {
                           hex(bar.sizeBytes).c_str(), bar.index, minimum),
                    bar.position);
         }
-        if (bar.address == 0 || bar.address >= end || bar.sizeBytes > end - bar.address) {
-            refuse(format("BAR %u at %s, size %s, does not lie between 1 and %s", bar.index,
-                          hex(bar.address).c_str(), hex(bar.sizeBytes).c_str(), hex(end).c_str()),
-                   bar.position);
-        }
+        requireRange(format("BAR %u", bar.index), bar.address, bar.sizeBytes, end, bar.position);
         const std::uint64_t alignment = bar.sizeBytes < kPageSize ? minimum : bar.sizeBytes;
         if (bar.address % alignment != 0) {
             refuse(format("BAR %u at %s is not aligned to %s, as its size requires", bar.index,
@@ -86,38 +75,8 @@ class BarChecks {
         }
     }
 
-    static void checkRegisters(const Bar& bar) {
-        for (const auto& [offset, value] : bar.registers) {
-            if (offset % 4 != 0 || offset >= bar.sizeBytes) {
-                refuse(format("the register offset %s is not a multiple of 4 below the BAR's size %s",
-                              hex(offset).c_str(), hex(bar.sizeBytes).c_str()),
-                       bar.position);
-            }
-        }
-    }
-
-    void checkOverlap(const PciFunction& function, const Bar& bar) {
-        const std::string name = format("BAR %u of %s", bar.index, pciName(function).c_str());
-        auto& ranges = bar.space == BarSpace::Io ? ioRanges_ : memoryRanges_;
-        const std::uint64_t end = bar.address + bar.sizeBytes;
-        const auto next = ranges.lower_bound(end);
-        if (next != ranges.begin()) {
-            const auto& [otherAddress, other] = *std::prev(next);
-            if (other.end > bar.address) {
-                refuse(format("%s at %s overlaps %s at %s", name.c_str(), hex(bar.address).c_str(),
-                              other.name.c_str(), hex(otherAddress).c_str()),
-                       bar.position);
-            }
-        }
-        ranges.emplace(bar.address, Range{end, name});
-    }
-
-    struct Range {
-        std::uint64_t end;
-        std::string name;
-    };
-    std::map<std::uint64_t, Range> memoryRanges_;
-    std::map<std::uint64_t, Range> ioRanges_;
+    AddressRanges memoryRanges_;
+    AddressRanges ioRanges_;
 };
 
 void checkFunctionFields(const PciFunction& function) {
@@ -138,6 +97,16 @@ void checkFunctionFields(const PciFunction& function) {
     }
     if (!function.driver.empty()) {
         requireFileName(function.driver, "a driver", function.position);
+    }
+}
+
+void checkPciDrivers(const std::vector<PciDriver>& drivers) {
+    std::set<std::string> names;
+    for (const PciDriver& driver : drivers) {
+        requireFileName(driver.name, "a driver", driver.position);
+        if (!names.insert(driver.name).second) {
+            refuse("there are two PCI drivers named " + driver.name, driver.position);
+        }
     }
 }
 
@@ -168,10 +137,9 @@ void checkPci(const MachineDescription& description) {
             refuse(format("no bridge leads to bus %u", function.bus), function.position);
         }
         barChecks.check(function);
+        checkBoard(function);
     }
-    for (const std::string& driver : description.pciDrivers) {
-        requireFileName(driver, "a driver", {});
-    }
+    checkPciDrivers(description.pciDrivers);
 }
 
 class ClassDeviceChecks {
@@ -187,6 +155,9 @@ class ClassDeviceChecks {
             }
             for (const auto& [name, text] : device.attributes) {
                 requireFileName(name, "an attribute", device.position);
+            }
+            if (device.terminal && device.className != "tty") {
+                refuse("a " + device.className + " device is no terminal", device.position);
             }
         }
     }
@@ -231,14 +202,6 @@ void checkFiles(const std::vector<PlainFile>& files) {
 
 }  // namespace
 
-void requireFileName(const std::string& name, const char* what, Position position) {
-    const bool isFileName = !name.empty() && name != "." && name != ".." &&
-                            name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
-    if (!isFileName) {
-        refuse(format("\"%s\" can't be the name of %s", name.c_str(), what), position);
-    }
-}
-
 void validate(const MachineDescription& description) {
     if (description.cpus < 1 || description.cpus > kMaxCpus) {
         refuse(format("a machine has 1 to %u CPUs, not %u", kMaxCpus, description.cpus), {});
@@ -247,6 +210,8 @@ void validate(const MachineDescription& description) {
         requireFileName(name, "a system-information file", {});
     }
     checkPci(description);
+    checkSoc(description);
+    checkGpio(description.gpioChips);
     checkPlatformDevices(description.platformDevices);
     ClassDeviceChecks classDeviceChecks;
     for (const PciFunction& function : description.pciFunctions) {

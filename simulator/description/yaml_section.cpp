@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <numeric>
 #include <set>
 #include <string_view>
@@ -89,12 +90,38 @@ std::int64_t readNumber(const YAML::Node& node, const std::string& name, std::in
     return number;
 }
 
+double readDecimal(const YAML::Node& node, const std::string& name) {
+    const std::string text = readText(node, name);
+    double number = 0;
+    const char* const end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    if (parsed.ptr != end || parsed.ec != std::errc() || !std::isfinite(number)) {
+        throw DescriptionError(name + ": \"" + text + "\" is no number", positionOf(node));
+    }
+    return number;
+}
+
 std::map<std::string, std::string> readTexts(const YAML::Node& node, const std::string& name) {
     std::map<std::string, std::string> texts;
     forEachKey(node, name, [&texts](const YAML::Node& key, const YAML::Node& value) {
         texts[key.Scalar()] = readText(value, key.Scalar());
     });
     return texts;
+}
+
+std::map<std::uint32_t, std::uint32_t> readRegisters(const YAML::Node& map) {
+    if (!map.IsMap()) {
+        throw DescriptionError("registers must be a map from offsets to values", positionOf(map));
+    }
+    std::map<std::uint32_t, std::uint32_t> registers;
+    for (const auto& entry : map) {
+        const auto offset = static_cast<std::uint32_t>(readNumber(entry.first, "offset", 0, UINT32_MAX));
+        const auto value = static_cast<std::uint32_t>(readNumber(entry.second, "register", 0, UINT32_MAX));
+        if (!registers.emplace(offset, value).second) {
+            throw DescriptionError("the register is given twice", positionOf(entry.first));
+        }
+    }
+    return registers;
 }
 
 void forEach(const YAML::Node& list, const std::string& name,
@@ -128,6 +155,12 @@ YAML::Node YamlSection::required(const char* key) const {
 void YamlSection::optionalText(const char* key, std::string& target) const {
     if (has(key)) {
         target = text(key);
+    }
+}
+
+void YamlSection::optionalDecimal(const char* key, double& target) const {
+    if (has(key)) {
+        target = readDecimal(required(key), key);
     }
 }
 

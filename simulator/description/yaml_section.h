@@ -21,8 +21,14 @@ std::string readText(const YAML::Node& node, const std::string& name);
 std::int64_t readNumber(const YAML::Node& node, const std::string& name, std::int64_t first,
                         std::int64_t last);
 
+/** A decimal number, which may have a fraction or an exponent. */
+double readDecimal(const YAML::Node& node, const std::string& name);
+
 /** A map from names to texts; refuses a name that occurs twice. */
 std::map<std::string, std::string> readTexts(const YAML::Node& node, const std::string& name);
+
+/** A map from the offsets to the values of 32-bit registers; refuses a register that is given twice. */
+std::map<std::uint32_t, std::uint32_t> readRegisters(const YAML::Node& map);
 
 /** Calls for each entry of a list. */
 void forEach(const YAML::Node& list, const std::string& name,
@@ -56,6 +62,7 @@ class YamlSection {
             target = number<Number>(key);
         }
     }
+    void optionalDecimal(const char* key, double& target) const;
 
  private:
     template <typename Number>

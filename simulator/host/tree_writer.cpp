@@ -111,4 +111,17 @@ void writeTree(const FileTree& tree) {
     }
 }
 
+void removeTree(const FileTree& tree, const std::string& top) {
+    std::error_code passedOver;
+    for (const auto& [path, node] : tree.nodes()) {
+        std::filesystem::path gone = path;
+        while (std::filesystem::remove(gone, passedOver)) {
+            gone = gone.parent_path();
+            if (!gone.string().starts_with(top + "/")) {
+                break;
+            }
+        }
+    }
+}
+
 }  // namespace kvsim

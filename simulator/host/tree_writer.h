@@ -12,4 +12,8 @@ namespace kvsim {
  */
 void writeTree(const FileTree& tree);
 
+/** Removes what a tree names, and the folders below @p top that are empty then. Passes over what isn't there.
+ */
+void removeTree(const FileTree& tree, const std::string& top);
+
 }  // namespace kvsim

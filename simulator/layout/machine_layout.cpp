@@ -24,10 +24,12 @@ void layOutCpus(unsigned count, FileTree& tree) {
 
 FileTree layOut(const MachineDescription& description) {
     FileTree tree;
-    ClassDeviceLayout classDevices(tree);
+    ClassDeviceLayout classDevices;
     layOutCpus(description.cpus, tree);
     layOutPci(description, tree, classDevices);
     layOutPlatform(description, tree, classDevices);
+    layOutSoc(description, tree);
+    layOutGpio(description.gpioChips, tree);
     tree.addFolder("/run/udev/data");
     for (const PlainFile& file : description.files) {
         tree.addWritable(file.path, file.text);

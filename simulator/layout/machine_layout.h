@@ -6,6 +6,7 @@
 
 #include "kvsim/description.h"
 #include "layout/file_tree.h"
+#include "layout/pci_topology.h"
 
 namespace kvsim {
 
@@ -20,11 +21,33 @@ inline constexpr const char* kDeskFolders[] = {"/run/user", "/dev/pts", "/dev/sh
 /** All files of a valid machine. */
 FileTree layOut(const MachineDescription& description);
 
+inline constexpr const char* kPciBusFolder = "/sys/bus/pci";
+inline constexpr const char* kMemoryDevice = "/dev/mem";
+
 /** "0000:05:00.0" */
 std::string pciName(const PciFunction& function);
 
 /** "/sys/bus/pci/devices/0000:05:00.0" */
 std::string pciPath(const PciFunction& function);
+
+/** "/sys/devices/pci0000:00/0000:00:01.0/0000:05:00.0" */
+std::string pciDevicePath(const PciFunction& function, const PciTopology& topology);
+
+/** The driver that holds a function from the start: bridges always have theirs. Empty where there is none. */
+std::string pciDriverOf(const PciFunction& function);
+
+/** "/sys/bus/pci/drivers/igb" */
+std::string pciDriverPath(const std::string& driver);
+
+/** The text of a function's "uevent" while a driver, or none, holds it. */
+std::string pciUevent(const PciFunction& function, const std::string& driver);
+
+/**
+ * What is on the machine while a driver holds a function: the links between them, and where it is the
+ * driver of the description, the function's class devices.
+ */
+FileTree layOutPciBinding(const MachineDescription& description, const PciFunction& function,
+                          const std::string& driver);
 
 /** Whether processes map the BAR through /dev/mem, since its first byte is not the first of a page. */
 bool isReachedThroughMemoryDevice(const Bar& bar);
@@ -32,14 +55,12 @@ bool isReachedThroughMemoryDevice(const Bar& bar);
 /** Adds class devices below their hardware devices. One object numbers all class devices of a machine. */
 class ClassDeviceLayout {
  public:
-    explicit ClassDeviceLayout(FileTree& tree) : tree_(tree) {}
-    void add(const std::string& parentPath, const std::vector<ClassDevice>& devices);
+    void add(const std::string& parentPath, const std::vector<ClassDevice>& devices, FileTree& tree);
 
  private:
-    void addNetworkInterface(const std::string& path, const ClassDevice& device);
-    void addSerialPort(const std::string& path, const ClassDevice& device);
+    void addNetworkInterface(const std::string& path, const ClassDevice& device, FileTree& tree);
+    void addSerialPort(const std::string& path, const ClassDevice& device, FileTree& tree);
 
-    FileTree& tree_;
     unsigned nextInterfaceIndex_ = 2;  // 1 is the loopback interface's
     unsigned nextSerialMinor_ = 64;
 };
@@ -47,6 +68,8 @@ class ClassDeviceLayout {
 // The parts of layOut(), one per kind of device.
 void layOutPci(const MachineDescription& description, FileTree& tree, ClassDeviceLayout& classDevices);
 void layOutPlatform(const MachineDescription& description, FileTree& tree, ClassDeviceLayout& classDevices);
+void layOutSoc(const MachineDescription& description, FileTree& tree);
+void layOutGpio(const std::vector<GpioChip>& chips, FileTree& tree);
 void layOutCpus(unsigned count, FileTree& tree);
 
 }  // namespace kvsim

@@ -15,9 +15,7 @@ namespace kvsim {
 namespace {
 
 constexpr const char* kRootFolder = "/sys/devices/pci0000:00";
-constexpr const char* kBusFolder = "/sys/bus/pci";
 constexpr const char* kBridgeDriver = "pcieport";
-constexpr const char* kMemoryDevice = "/dev/mem";
 constexpr std::uint64_t kPageSize = 4096;
 
 // Flags of a resource beside the base address register's own, as the kernel shows them.
@@ -75,19 +73,6 @@ std::string modalias(const PciFunction& f) {
                   f.subsystemDevice, f.classCode >> 16, f.classCode >> 8 & 0xFF, f.classCode & 0xFF);
 }
 
-/** The driver that holds a function: bridges always have theirs. */
-std::string driverOf(const PciFunction& function) {
-    return function.driver.empty() && function.secondaryBus ? kBridgeDriver : function.driver;
-}
-
-std::string uevent(const PciFunction& function) {
-    const std::string driver = driverOf(function);
-    return (driver.empty() ? std::string() : "DRIVER=" + driver + "\n") +
-           format("PCI_CLASS=%X\nPCI_ID=%04X:%04X\nPCI_SUBSYS_ID=%04X:%04X\nPCI_SLOT_NAME=%s\nMODALIAS=%s\n",
-                  function.classCode, function.vendor, function.device, function.subsystemVendor,
-                  function.subsystemDevice, pciName(function).c_str(), modalias(function).c_str());
-}
-
 std::vector<File::Word> wordsFrom(const Bar& bar, std::uint64_t start) {
     std::vector<File::Word> words;
     words.reserve(bar.registers.size());
@@ -121,21 +106,21 @@ void addIdentity(const PciFunction& f, const std::string& path, FileTree& tree) 
     tree.addText(path + "/revision", format("0x%02x\n", f.revision));
     tree.addText(path + "/irq", format("%u\n", f.irq));
     tree.addText(path + "/modalias", modalias(f) + "\n");
-    tree.addWritable(path + "/uevent", uevent(f));
+    tree.addWritable(path + "/uevent", pciUevent(f, pciDriverOf(f)));
     tree.addWritable(path + "/enable", isEnabled(f) ? "1\n" : "0\n");
-    tree.addLink(path + "/subsystem", kBusFolder);
+    tree.addLink(path + "/subsystem", kPciBusFolder);
 }
 
 void addDriver(const std::string& name, FileTree& tree) {
-    const std::string folder = std::string(kBusFolder) + "/drivers/" + name;
     for (const char* file : {"/bind", "/unbind", "/new_id", "/remove_id", "/uevent"}) {
-        tree.addWritable(folder + file, "");
+        tree.addWritable(pciDriverPath(name) + file, "");
     }
 }
 
-std::string devicePath(const PciFunction& function, const PciTopology& topology) {
-    const PciFunction* bridge = topology.bridgeTo(function.bus);
-    return (bridge == nullptr ? kRootFolder : devicePath(*bridge, topology)) + "/" + pciName(function);
+void addDriverLinks(const PciFunction& function, const std::string& path, const std::string& driver,
+                    FileTree& tree) {
+    tree.addLink(path + "/driver", pciDriverPath(driver));
+    tree.addLink(pciDriverPath(driver) + "/" + pciName(function), path);
 }
 
 }  // namespace
@@ -145,7 +130,44 @@ std::string pciName(const PciFunction& function) {
 }
 
 std::string pciPath(const PciFunction& function) {
-    return std::string(kBusFolder) + "/devices/" + pciName(function);
+    return std::string(kPciBusFolder) + "/devices/" + pciName(function);
+}
+
+std::string pciDevicePath(const PciFunction& function, const PciTopology& topology) {
+    const PciFunction* bridge = topology.bridgeTo(function.bus);
+    return (bridge == nullptr ? kRootFolder : pciDevicePath(*bridge, topology)) + "/" + pciName(function);
+}
+
+std::string pciDriverOf(const PciFunction& function) {
+    return function.driver.empty() && function.secondaryBus ? kBridgeDriver : function.driver;
+}
+
+std::string pciDriverPath(const std::string& driver) {
+    return std::string(kPciBusFolder) + "/drivers/" + driver;
+}
+
+std::string pciUevent(const PciFunction& function, const std::string& driver) {
+    return (driver.empty() ? std::string() : "DRIVER=" + driver + "\n") +
+           format("PCI_CLASS=%X\nPCI_ID=%04X:%04X\nPCI_SUBSYS_ID=%04X:%04X\nPCI_SLOT_NAME=%s\nMODALIAS=%s\n",
+                  function.classCode, function.vendor, function.device, function.subsystemVendor,
+                  function.subsystemDevice, pciName(function).c_str(), modalias(function).c_str());
+}
+
+FileTree layOutPciBinding(const MachineDescription& description, const PciFunction& function,
+                          const std::string& driver) {
+    const PciTopology topology(description.pciFunctions);
+    FileTree tree;
+    addDriverLinks(function, pciDevicePath(function, topology), driver, tree);
+    if (driver != pciDriverOf(function)) {
+        return tree;
+    }
+    ClassDeviceLayout classDevices;  // counts those of all functions, so that numbers are what they were
+    for (const PciFunction& each : description.pciFunctions) {
+        FileTree others;
+        classDevices.add(pciDevicePath(each, topology), each.classDevices,
+                         &each == &function ? tree : others);
+    }
+    return tree;
 }
 
 bool isReachedThroughMemoryDevice(const Bar& bar) {
@@ -155,24 +177,25 @@ bool isReachedThroughMemoryDevice(const Bar& bar) {
 void layOutPci(const MachineDescription& description, FileTree& tree, ClassDeviceLayout& classDevices) {
     const PciTopology topology(description.pciFunctions);
     File memoryDevice{.mode = 0600};
-    std::set<std::string> drivers(description.pciDrivers.begin(), description.pciDrivers.end());
+    std::set<std::string> drivers;
+    for (const PciDriver& driver : description.pciDrivers) {
+        drivers.insert(driver.name);
+    }
 
-    tree.addFolder(std::string(kBusFolder) + "/devices");
-    tree.addWritable(std::string(kBusFolder) + "/drivers_probe", "");
-    tree.addWritable(std::string(kBusFolder) + "/drivers_autoprobe", "1\n");
+    tree.addFolder(std::string(kPciBusFolder) + "/devices");
+    tree.addWritable(std::string(kPciBusFolder) + "/drivers_probe", "");
+    tree.addWritable(std::string(kPciBusFolder) + "/drivers_autoprobe", "1\n");
     for (const PciFunction& function : description.pciFunctions) {
-        const std::string path = devicePath(function, topology);
+        const std::string path = pciDevicePath(function, topology);
         addIdentity(function, path, tree);
         tree.add(path + "/config", {.content = configSpace(function, topology), .mode = 0644});
         tree.addText(path + "/resource", resourceText(function, topology));
         addBars(function, path, tree, memoryDevice);
-        classDevices.add(path, function.classDevices);
+        classDevices.add(path, function.classDevices, tree);
         tree.addLink(pciPath(function), path);
-        if (const std::string driver = driverOf(function); !driver.empty()) {
-            const std::string driverFolder = std::string(kBusFolder) + "/drivers/" + driver;
+        if (const std::string driver = pciDriverOf(function); !driver.empty()) {
             drivers.insert(driver);
-            tree.addLink(path + "/driver", driverFolder);
-            tree.addLink(driverFolder + "/" + pciName(function), path);
+            addDriverLinks(function, path, driver, tree);
         }
     }
     for (const std::string& driver : drivers) {

@@ -1,3 +1,4 @@
+#include "layout/character_device.h"
 #include "layout/format.h"
 #include "layout/machine_layout.h"
 
@@ -8,50 +9,42 @@ namespace {
 constexpr const char* kPlatformFolder = "/sys/devices/platform";
 constexpr const char* kSystemInformationFolder = "/usr/kelvaro/sysinfo";
 
-// The database entry that marks a device as ready: enumerations pass over numbered devices without one.
-constexpr const char* kReadyEntry = "I:1\n";
-
-constexpr unsigned kSerialMajor = 4;
-
 }  // namespace
 
-void ClassDeviceLayout::addNetworkInterface(const std::string& path, const ClassDevice& device) {
+void ClassDeviceLayout::addNetworkInterface(const std::string& path, const ClassDevice& device,
+                                            FileTree& tree) {
     const unsigned index = nextInterfaceIndex_++;
-    tree_.addText(path + "/ifindex", format("%u\n", index));
-    tree_.addText(path + "/address", format("02:00:00:00:00:%02x\n", index & 0xFF));
-    tree_.addText(path + "/type", "1\n");
-    tree_.addText(path + "/operstate", "up\n");
-    tree_.addWritable(path + "/uevent", format("INTERFACE=%s\nIFINDEX=%u\n", device.name.c_str(), index));
-    tree_.addText(format("/run/udev/data/n%u", index), kReadyEntry);
+    tree.addText(path + "/ifindex", format("%u\n", index));
+    tree.addText(path + "/address", format("02:00:00:00:00:%02x\n", index & 0xFF));
+    tree.addText(path + "/type", "1\n");
+    tree.addText(path + "/operstate", "up\n");
+    tree.addWritable(path + "/uevent", format("INTERFACE=%s\nIFINDEX=%u\n", device.name.c_str(), index));
+    tree.addText(format("/run/udev/data/n%u", index), kReadyEntry);
 }
 
-void ClassDeviceLayout::addSerialPort(const std::string& path, const ClassDevice& device) {
-    const unsigned minor = nextSerialMinor_++;
-    tree_.addText(path + "/dev", format("%u:%u\n", kSerialMajor, minor));
-    tree_.addWritable(path + "/uevent",
-                      format("MAJOR=%u\nMINOR=%u\nDEVNAME=%s\n", kSerialMajor, minor, device.name.c_str()));
-    tree_.addLink(format("/sys/dev/char/%u:%u", kSerialMajor, minor), path);
-    tree_.addText(format("/run/udev/data/c%u:%u", kSerialMajor, minor), kReadyEntry);
+void ClassDeviceLayout::addSerialPort(const std::string& path, const ClassDevice& device, FileTree& tree) {
+    addCharacterDevice(path, device.name, kTtyMajor, nextSerialMinor_++, tree);
 }
 
-void ClassDeviceLayout::add(const std::string& parentPath, const std::vector<ClassDevice>& devices) {
+void ClassDeviceLayout::add(const std::string& parentPath, const std::vector<ClassDevice>& devices,
+                            FileTree& tree) {
     for (const ClassDevice& device : devices) {
         const std::string path =
             format("%s/%s/%s", parentPath.c_str(), device.className.c_str(), device.name.c_str());
         const std::string classFolder = "/sys/class/" + device.className;
         if (device.className == "net") {
-            addNetworkInterface(path, device);
+            addNetworkInterface(path, device, tree);
         } else if (device.className == "tty") {
-            addSerialPort(path, device);
+            addSerialPort(path, device, tree);
         } else {
-            tree_.addWritable(path + "/uevent", "");
+            tree.addWritable(path + "/uevent", "");
         }
         for (const auto& [name, text] : device.attributes) {
-            tree_.addWritable(format("%s/%s", path.c_str(), name.c_str()), text);
+            tree.addWritable(format("%s/%s", path.c_str(), name.c_str()), text);
         }
-        tree_.addLink(path + "/subsystem", classFolder);
-        tree_.addLink(path + "/device", parentPath);
-        tree_.addLink(classFolder + "/" + device.name, path);
+        tree.addLink(path + "/subsystem", classFolder);
+        tree.addLink(path + "/device", parentPath);
+        tree.addLink(classFolder + "/" + device.name, path);
     }
 }
 
@@ -77,7 +70,7 @@ void layOutPlatform(const MachineDescription& description, FileTree& tree, Class
         }
         tree.addLink(path + "/subsystem", "/sys/bus/platform");
         tree.addLink("/sys/bus/platform/devices/" + name, path);
-        classDevices.add(path, device.classDevices);
+        classDevices.add(path, device.classDevices, tree);
     }
     for (const auto& [name, text] : description.systemInformation) {
         tree.addWritable(std::string(kSystemInformationFolder) + "/" + name, text);

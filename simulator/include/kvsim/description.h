@@ -30,6 +30,16 @@ class DescriptionError : public std::runtime_error {
     Position position_;
 };
 
+/** What is at the other end of a serial line. */
+enum class FarEnd {
+    /** Sends back what comes. */
+    Echo,
+    /** Appends what comes to /run/kvsim/serial/<name>.out, and sends what is written to <name>.in there. */
+    Capture,
+    /** Nothing: what is sent is lost. */
+    None
+};
+
 /** A device as user space knows it, such as a network interface or a serial port, below its hardware device.
  */
 struct ClassDevice {
@@ -38,6 +48,8 @@ struct ClassDevice {
     std::string name = {};
     /** Further attribute files and their texts; they replace those that the class has anyway. */
     std::map<std::string, std::string> attributes = {};
+    /** Makes a serial port (class tty) a terminal, /dev/<name>. Without it there is no such file. */
+    std::optional<FarEnd> terminal = {};
     Position position = {};
 };
 
@@ -72,6 +84,15 @@ struct ExpressCapability {
     std::uint8_t linkWidth = 1;
 };
 
+/** A first-order lag between an output and an input of an analog board: gain / (1 + time constant * s). */
+struct Plant {
+    unsigned output = 0;
+    unsigned input = 0;
+    double gain = 1;
+    double timeConstantSeconds = 0.05;
+    Position position = {};
+};
+
 /** One PCI function in domain 0. With a secondary bus it is a PCI-to-PCI bridge. */
 struct PciFunction {
     std::uint8_t bus = 0;
@@ -93,6 +114,66 @@ struct PciFunction {
     std::optional<std::uint8_t> secondaryBus = {};
     std::vector<Bar> bars = {};
     std::vector<ClassDevice> classDevices = {};
+    /**
+     * What acts behind the registers: "analog-io". Empty for registers that keep what is written to them.
+     */
+    std::string board = {};
+    /** What is connected to the terminals of an analog board. */
+    std::vector<Plant> plants = {};
+    Position position = {};
+};
+
+/** A PCI driver that the kernel has loaded. Beside these it has those that hold a function. */
+struct PciDriver {
+    struct Identity {
+        std::uint16_t vendor;
+        std::uint16_t device;
+        auto operator<=>(const Identity&) const = default;
+    };
+
+    std::string name = {};
+    /** What it drives, beside what it holds from the start and what is written to its new_id. */
+    std::vector<Identity> identities = {};
+    Position position = {};
+};
+
+/** A memory region of an on-chip device. */
+struct UioMap {
+    std::string name = {};
+    std::uint64_t address = 0;
+    std::uint64_t sizeBytes = 0;
+    /** Where the region begins in the device file. */
+    std::uint64_t offset = 0;
+    /** Initial contents: 32-bit words by their offset in the region. The rest reads as zero. */
+    std::map<std::uint32_t, std::uint32_t> registers = {};
+    Position position = {};
+};
+
+/** A device of the programmable fabric, which user space drives through UIO. */
+struct AxiDevice {
+    std::string name = {};
+    /** 0 for none. */
+    unsigned irq = 0;
+    std::vector<UioMap> maps = {};
+    Position position = {};
+};
+
+inline constexpr unsigned kMaxGpioOffset = 511;
+
+/** A GPIO chip, which programs reach through libgpiod as /dev/<name>. */
+struct GpioChip {
+    /** "gpiochip" and a number. */
+    std::string name = {};
+    std::string label = {};
+    /** Names of lines by their offset. Lines below the last one that are not named here have no name. */
+    std::map<unsigned, std::string> lines = {};
+    Position position = {};
+};
+
+/** A part of the physical address space. */
+struct MemoryRange {
+    std::uint64_t address = 0;
+    std::uint64_t sizeBytes = 0;
     Position position = {};
 };
 
@@ -116,9 +197,15 @@ struct MachineDescription {
     std::map<std::string, std::string> systemInformation = {
         {"kelvaro_version.txt", "1.0.0\n"},
         {"kelvaro_marketingName.txt", "Ember real-time target machine\n"}};
-    /** PCI drivers that the kernel has loaded, beside those that hold a function. */
-    std::vector<std::string> pciDrivers = {};
+    std::vector<PciDriver> pciDrivers = {};
     std::vector<PciFunction> pciFunctions = {};
+    /** They are UIO devices 0, 1, 2 and so on; those of PCI boards follow. */
+    std::vector<AxiDevice> axiDevices = {};
+    /** Memory from which the u-dma-buf manager takes buffers; there is no manager without it. */
+    std::optional<MemoryRange> dmaMemory = {};
+    /** The cache-coherent buffer that is set up at boot. */
+    std::optional<MemoryRange> cachedBuffer = {};
+    std::vector<GpioChip> gpioChips = {};
     std::vector<PlatformDevice> platformDevices = {};
     /** Written last: a path that the machine has anyway is replaced. */
     std::vector<PlainFile> files = {};

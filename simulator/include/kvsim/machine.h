@@ -31,6 +31,10 @@ class PciFunctionBuilder {
     PciFunctionBuilder& driver(std::string name);
     PciFunctionBuilder& enabled(bool enabled);
     PciFunctionBuilder& expressCapability(std::uint8_t version, std::uint8_t linkWidth);
+    /** The line on which the function raises INTx; without one it can't. */
+    PciFunctionBuilder& irq(std::uint8_t number);
+    /** What acts behind the registers, and what is connected to it. */
+    PciFunctionBuilder& board(std::string name, std::vector<Plant> plants = {});
     PciFunctionBuilder& networkInterface(std::string name);
     PciFunctionBuilder& serialPort(std::string name);
 
@@ -59,6 +63,9 @@ class PciFunctionFiles {
     /** A 32-bit word of a BAR, from where a process that maps the BAR finds it. */
     [[nodiscard]] std::uint32_t barWord(unsigned bar, std::uint32_t offset) const;
     void setBarWord(unsigned bar, std::uint32_t offset, std::uint32_t value) const;
+
+    /** Raises the function's interrupt once, as a board does that releases its line when it is served. */
+    void raiseInterrupt() const;
 
  private:
     std::string path_;
@@ -91,8 +98,18 @@ class Machine {
      * they are given.
      */
     PciFunctionBuilder addBridge(PciFunction bridge, std::uint8_t secondaryBus);
-    Machine& addPciDriver(std::string name);
+    Machine& addPciDriver(std::string name, std::vector<PciDriver::Identity> identities = {});
     Machine& addPlatformDevice(PlatformDevice device);
+    Machine& addAxiDevice(AxiDevice device);
+    /**
+     * Programs that are started on the machine reach its chips through libgpiod: LD_LIBRARY_PATH leads them
+     * to the machine's own. A process that enters by itself has loaded libgpiod before, and so must be linked
+     * with the machine's own, kvsim_gpio.
+     */
+    Machine& addGpioChip(GpioChip chip);
+    /** Where the u-dma-buf manager takes buffers from; without it there is no manager. */
+    Machine& dmaMemory(std::uint64_t address, std::uint64_t sizeBytes);
+    Machine& cachedBuffer(std::uint64_t address, std::uint64_t sizeBytes);
     Machine& addFile(std::string path, std::string text);
     Machine& cpus(unsigned count);
     Machine& temperature(std::int32_t milliCelsius);
@@ -108,6 +125,9 @@ class Machine {
     /**
      * Puts this process, and what it starts from now on, on the machine. There is no way back, and nothing of
      * it shows outside the process. Call it before the process starts threads.
+     *
+     * A machine that acts (drivers, interrupts, DMA buffers) gets a process of its own that serves it and
+     * ends with the last process on the machine.
      *
      * Throws DescriptionError for a machine that can't be, and MachineUnavailable where the rights are
      * missing.

@@ -105,7 +105,7 @@ TEST(SimulatedMachine, NestsDevicesBehindTheirBridgesAndLinksTheirDriver) {
     EXPECT_EQ(std::filesystem::canonical(board + "/driver"), "/sys/bus/pci/drivers/uio_kelvaro");
     EXPECT_TRUE(std::filesystem::equivalent("/sys/bus/pci/drivers/uio_kelvaro/0000:03:04.0", board));
     EXPECT_FALSE(std::filesystem::exists(machine.pci(3, 5, 1).path() + "/driver"));
-    EXPECT_EQ(Machine::read("/sys/bus/pci/drivers/atemsys_pci/new_id"), "");
+    EXPECT_TRUE(std::filesystem::exists("/sys/bus/pci/drivers/atemsys_pci/new_id"));
 
     const std::string resource = Machine::read(board + "/resource");
     EXPECT_EQ(std::ranges::count(resource, '\n'), 13);

@@ -10,6 +10,8 @@ namespace {
 using kv::test::TemporaryFolder;
 using kvsim::readDescription;
 using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
 using testing::Pair;
 
 std::string refusalOf(const std::filesystem::path& file) {
@@ -87,7 +89,28 @@ constexpr BadDescription kBadDescriptions[] = {
      "6:9: the register offset 0x10 is not a multiple of 4 below the BAR's size 0x10"},
     {"FileOnTheDesk", "summary: x\nfiles:\n  - {path: /etc/passwd, text: y}\n",
      "3:5: \"/etc/passwd\" is no path in the folders of the machine"},
+    {"NoDecimal",
+     "summary: x\npci:\n  - slot: 1\n    id: 1b5a:0001\n    plants:\n"
+     "      - {output: 0, input: 0, time-constant: 0.05s}\n",
+     "6:46: time-constant: \"0.05s\" is no number"},
+    {"EndlessDecimal",
+     "summary: x\npci:\n  - slot: 1\n    id: 1b5a:0001\n    plants:\n"
+     "      - {output: 0, input: 0, gain: inf}\n",
+     "6:37: gain: \"inf\" is no number"},
+    {"AxiDeviceWithoutAName", "summary: x\naxi:\n  - {irq: 3}\n",
+     "3:5: an AXI device lacks the key \"name\""},
+    {"MapTwiceInMemory",
+     "summary: x\naxi:\n  - name: a\n    maps:\n      - {address: 0x1000, size: 0x1000}\n"
+     "      - {address: 0x1000, size: 0x1000}\n",
+     "6:9: map 1 of a at 0x1000 overlaps map 0 of a at 0x1000"},
+    {"DmaMemoryWithoutASize", "summary: x\ndma-memory: {address: 0x1000}\n",
+     "2:13: dma-memory lacks the key \"size\""},
+    {"CachedBufferOfAPart", "summary: x\ncached-buffer: {address: 0x1000, size: 100}\n",
+     "2:16: the size 0x64 of the cached buffer is no multiple of 0x1000"},
     {"DriverThatIsAPath", "summary: x\npci-drivers: [a/b]\n", "2:15: \"a/b\" can't be the name of a driver"},
+    {"DriverWithABadIdentity", "summary: x\npci-drivers:\n  - {name: a, ids: [8086]}\n",
+     "3:21: ids: \"8086\" is no pair of four hexadecimal digits each, as in 8086:1533"},
+    {"DriverTwice", "summary: x\npci-drivers: [a, {name: a}]\n", "2:18: there are two PCI drivers named a"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Bad, DescriptionReaderRefusal, testing::ValuesIn(kBadDescriptions),
@@ -109,7 +132,7 @@ cpus: 0x8
 temperature: -1500
 serial-number: i2001
 system-information: {kelvaro_version.txt: "7.1"}
-pci-drivers: [atemsys_pci]
+pci-drivers: [uio_kelvaro, {name: atemsys_pci, ids: [8086:1533, 8086:1539]}]
 pci:
   - slot: 1
     id: 10b5:8605
@@ -127,8 +150,20 @@ pci:
         enabled: false
         bars:
           - {index: 4, address: 0x1000, size: 0x20, space: io, registers: {0x4: 0xFFFFFFFF}}
+          - {index: 0, address: 0x1000, size: 0x1000}
+        board: analog-io
+        plants:
+          - {output: 1, input: 2, gain: -0.8, time-constant: 5e-2}
         devices:
           - {class: net, name: eth7, attributes: {address: "02:00:00:00:00:07"}}
+axi:
+  - name: pwm
+    irq: 89
+    maps:
+      - {name: table, address: 0x80000000, size: 0x1000, offset: 0x2000, registers: {0x8: 7}}
+  - {name: encoder}
+dma-memory: {address: 0x70000000, size: 0x100000}
+cached-buffer: {address: 0x78000000, size: 0x200000}
 platform:
   - {name: axi/a.serial, attributes: {mode: fast}, devices: [{class: tty, name: ttyPS0}]}
 files:
@@ -139,7 +174,11 @@ files:
     EXPECT_EQ(machine.temperatureMilliCelsius, -1500);
     EXPECT_EQ(machine.serialNumber, "i2001\n");
     EXPECT_EQ(machine.systemInformation.at("kelvaro_version.txt"), "7.1\n");
-    EXPECT_THAT(machine.pciDrivers, ElementsAre("atemsys_pci"));
+    ASSERT_EQ(machine.pciDrivers.size(), 2U);
+    EXPECT_EQ(machine.pciDrivers[0].name, "uio_kelvaro");
+    EXPECT_EQ(machine.pciDrivers[1].name, "atemsys_pci");
+    EXPECT_THAT(machine.pciDrivers[1].identities, ElementsAre(kvsim::PciDriver::Identity{0x8086, 0x1533},
+                                                              kvsim::PciDriver::Identity{0x8086, 0x1539}));
 
     ASSERT_EQ(machine.pciFunctions.size(), 2U);
     const kvsim::PciFunction& bridge = machine.pciFunctions[0];
@@ -157,15 +196,37 @@ files:
     EXPECT_EQ(board.irq, 40);
     EXPECT_EQ(board.driver, "uio_kelvaro");
     EXPECT_EQ(board.enabled, false);
-    ASSERT_EQ(board.bars.size(), 1U);
+    ASSERT_EQ(board.bars.size(), 2U);
     EXPECT_EQ(board.bars[0].index, 4U);
     EXPECT_EQ(board.bars[0].address, 0x1000U);
     EXPECT_EQ(board.bars[0].sizeBytes, 0x20U);
     EXPECT_EQ(board.bars[0].space, kvsim::BarSpace::Io);
     EXPECT_THAT(board.bars[0].registers, ElementsAre(Pair(4, 0xFFFFFFFF)));
+    EXPECT_EQ(board.board, "analog-io");
+    ASSERT_EQ(board.plants.size(), 1U);
+    EXPECT_EQ(board.plants[0].output, 1U);
+    EXPECT_EQ(board.plants[0].input, 2U);
+    EXPECT_EQ(board.plants[0].gain, -0.8);
+    EXPECT_EQ(board.plants[0].timeConstantSeconds, 0.05);
     ASSERT_EQ(board.classDevices.size(), 1U);
     EXPECT_EQ(board.classDevices[0].name, "eth7");
     EXPECT_THAT(board.classDevices[0].attributes, ElementsAre(Pair("address", "02:00:00:00:00:07\n")));
+
+    ASSERT_EQ(machine.axiDevices.size(), 2U);
+    EXPECT_EQ(machine.axiDevices[0].name, "pwm");
+    EXPECT_EQ(machine.axiDevices[0].irq, 89U);
+    EXPECT_THAT(machine.axiDevices[1].maps, IsEmpty());
+    ASSERT_EQ(machine.axiDevices[0].maps.size(), 1U);
+    const kvsim::UioMap& map = machine.axiDevices[0].maps[0];
+    EXPECT_EQ(map.name, "table");
+    EXPECT_EQ(map.address, 0x80000000U);
+    EXPECT_EQ(map.sizeBytes, 0x1000U);
+    EXPECT_EQ(map.offset, 0x2000U);
+    EXPECT_THAT(map.registers, ElementsAre(Pair(8, 7)));
+    EXPECT_EQ(machine.dmaMemory.value().address, 0x70000000U);
+    EXPECT_EQ(machine.dmaMemory.value().sizeBytes, 0x100000U);
+    EXPECT_EQ(machine.cachedBuffer.value().address, 0x78000000U);
+    EXPECT_EQ(machine.cachedBuffer.value().sizeBytes, 0x200000U);
 
     ASSERT_EQ(machine.platformDevices.size(), 1U);
     EXPECT_THAT(machine.platformDevices[0].attributes, ElementsAre(Pair("mode", "fast\n")));

@@ -1,0 +1,47 @@
+#include "description/soc_reader.h"
+
+#include "description/yaml_section.h"
+
+namespace kvsim {
+
+namespace {
+
+UioMap readMap(const YAML::Node& node) {
+    const YamlSection section(node, "a map", {"name", "address", "size", "offset", "registers"});
+    UioMap map{.address = section.number<std::uint64_t>("address"),
+               .sizeBytes = section.number<std::uint64_t>("size")};
+    map.position = section.position();
+    section.optionalText("name", map.name);
+    section.optionalNumber("offset", map.offset);
+    if (section.has("registers")) {
+        map.registers = readRegisters(section.required("registers"));
+    }
+    return map;
+}
+
+}  // namespace
+
+std::vector<AxiDevice> readAxiDevices(const YAML::Node& list) {
+    std::vector<AxiDevice> devices;
+    forEach(list, "axi", [&devices](const YAML::Node& node) {
+        const YamlSection section(node, "an AXI device", {"name", "irq", "maps"});
+        AxiDevice device{.name = section.text("name")};
+        device.position = section.position();
+        section.optionalNumber("irq", device.irq);
+        if (section.has("maps")) {
+            forEach(section.required("maps"), "maps",
+                    [&device](const YAML::Node& map) { device.maps.push_back(readMap(map)); });
+        }
+        devices.push_back(std::move(device));
+    });
+    return devices;
+}
+
+MemoryRange readMemoryRange(const YAML::Node& node, const char* what) {
+    const YamlSection section(node, what, {"address", "size"});
+    return {.address = section.number<std::uint64_t>("address"),
+            .sizeBytes = section.number<std::uint64_t>("size"),
+            .position = section.position()};
+}
+
+}  // namespace kvsim

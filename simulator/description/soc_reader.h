@@ -1,0 +1,16 @@
+#pragma once
+
+#include <vector>
+
+#include <yaml-cpp/yaml.h>
+
+#include "kvsim/description.h"
+
+namespace kvsim {
+
+std::vector<AxiDevice> readAxiDevices(const YAML::Node& list);
+
+/** `what` the range is goes into the reason. */
+MemoryRange readMemoryRange(const YAML::Node& node, const char* what);
+
+}  // namespace kvsim
