@@ -8,6 +8,7 @@
 #ifndef KV_MEMORY_H
 #define KV_MEMORY_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <kv/export.h>
@@ -22,7 +23,8 @@ KV_BEGIN_DECLS
  *
  * A block is a POSIX shared-memory object of the block's name; the object "/kv_persMem_main" lists all
  * blocks. The first call of a process attaches every block. When one of them cannot be attached, because its
- * object is damaged or because its address is occupied, none is available until kv_freePersistentMemory().
+ * object is damaged or because its address is occupied, none is available, and none is lost: each further
+ * call tries again, and kv_freePersistentMemory() gives them up.
  *
  * One process at a time uses persistent memory. A process may be killed at any moment: a block that it has
  * handed out is found again whole, a half-made one is not found. Reasons of failures go to the log.
@@ -52,6 +54,122 @@ KV_EXPORT void* kv_getPersistentMemory(const char* name);
  * ends; the next call of the functions above begins with no blocks.
  */
 KV_EXPORT void kv_freePersistentMemory(void);
+
+/* ---- Physical memory --------------------------------------------------------------------------------
+ *
+ * Physically contiguous memory for DMA. It comes from one of two pools:
+ *
+ * - the cached buffer, on machines that made one at boot. It is coherent with the caches, and one buffer
+ *   serves all requests in blocks of whole 4096 bytes. Allocate and free from any thread.
+ * - uncached buffers, one device of the kernel for each request.
+ *
+ * The kernel's devices of uncached buffers outlive the process: what is not freed stays until the next
+ * process asks for its first uncached buffer, which removes them all. So one process at a time uses them.
+ * All functions block on the kernel's files; reasons of failures go to the log.
+ */
+
+/** Allocates nothing: models built for other platforms call it. @return null, with a log record */
+KV_EXPORT void* kv_allocPhysicalMemory_cached(size_t size);
+/** Allocates nothing: models built for other platforms call it. @return null, with a log record */
+KV_EXPORT void* kv_allocPhysicalMemory_uncached(size_t size);
+
+/**
+ * Takes memory from the cached buffer where the machine has one, else as an uncached buffer. A cached buffer
+ * that is full does not fall back on the other.
+ *
+ * @param physicalOut  receives the address that the board uses; 0 on failure
+ * @return the memory, not cleared; null on failure. kv_freePhysicalMemory() frees it. Throws what
+ *         kv_udmabuf_areCacheCoherentBuffersAvailable() and kv_udmabuf_allocCachedBuffer() throw.
+ */
+KV_EXPORT void* kv_allocPhysicalMemory_v2(size_t size, uintptr_t* physicalOut);
+
+/** The same from the cached buffer: kv_udmabuf_allocCachedBuffer(). */
+KV_EXPORT void* kv_allocPhysicalMemory_v2_cached(size_t size, uintptr_t* physicalOut);
+
+/**
+ * The same as an uncached buffer. Up to 4096 bytes take 8192, since the kernel has no contiguous area for
+ * single pages. While this process holds none, all "kv-udma-buf" devices of the machine are removed first.
+ * When only mmap() fails, the result is MAP_FAILED, as told at kv_udmabuf_allocBuffer().
+ */
+KV_EXPORT void* kv_allocPhysicalMemory_v2_uncached(size_t size, uintptr_t* physicalOut);
+
+/**
+ * Frees what the functions above returned; a null pointer is ignored. An uncached buffer that the kernel does
+ * not give back is logged and forgotten.
+ */
+KV_EXPORT void kv_freePhysicalMemory(void* ptr);
+
+/**
+ * Looks an address of this process up in /proc/self/pagemap, with root rights where the process may have
+ * them; without them the kernel shows frame 0 for every page. May be called from any thread.
+ *
+ * @return its physical address at this moment: only DMA memory and locked pages stay where they are. Just
+ *         the offset within the page where nothing is mapped; 0 when the page map cannot be read.
+ */
+KV_EXPORT uintptr_t kv_getPhysicalBufferAddr(void* virtualAddress);
+
+/* ---- The two pools, by themselves: the kernel's u-dma-buf driver -------------------------------------- */
+
+/** One uncached buffer. Made by kv_udmabuf_allocBuffer(); the caller owns it. */
+typedef struct kv_udmabuf_Handle {
+    char deviceName[32];    /**< "kv-udma-buf" and a number, in /dev and in /sys/class/u-dma-buf */
+    size_t length;          /**< as asked for */
+    void* userPtr;          /**< the memory */
+    uintptr_t physicalAddr; /**< its first byte, as a board addresses it */
+} kv_udmabuf_Handle;
+
+/**
+ * Makes and maps an uncached buffer: the manager /dev/u-dma-buf-mgr creates a device of the first number from
+ * 0 to 255 that is not there.
+ *
+ * @param length  the driver rounds it up to whole pages
+ * @return the buffer; null for a size of 0, and when the buffer cannot be made and mapped or has another size
+ *         than asked for. A device that was made then stays until kv_udmabuf_deleteAllBuffers(). When only
+ *         mmap() fails, the buffer's userPtr is MAP_FAILED and the buffer cannot be freed.
+ */
+KV_EXPORT kv_udmabuf_Handle* kv_udmabuf_allocBuffer(size_t length);
+
+/**
+ * Unmaps a buffer, lets the manager delete its device, and frees the handle.
+ *
+ * @return 0; -1 when the buffer cannot be unmapped or the manager cannot be opened. The handle is then still
+ *         the caller's, who may try again; the memory may be unmapped already.
+ */
+KV_EXPORT int kv_udmabuf_freeBuffer(kv_udmabuf_Handle* handle);
+
+/** Lets the manager delete all "kv-udma-buf" devices, whoever made them. @return 0; -1 without a manager */
+KV_EXPORT int kv_udmabuf_deleteAllBuffers(void);
+
+/**
+ * Takes a block from the cached buffer, the first free one that is large enough. The first block maps the
+ * buffer, the device "cached-buffer-pcie" of the class "u-dma-buf".
+ *
+ * @param size      rounded up to whole 4096 bytes
+ * @param physAddr  receives the block's first byte as a board addresses it; 0 on failure
+ * @return the block, on a page boundary; null for a size of 0, without a free block that is large enough, and
+ *         where the buffer's device is missing or cannot be opened. Throws std::invalid_argument or
+ *         std::out_of_range when the device's address or size is no number; the next call tries again. A
+ *         buffer that cannot be mapped is not noticed: its blocks cannot be used.
+ */
+KV_EXPORT void* kv_udmabuf_allocCachedBuffer(size_t size, uintptr_t* physAddr);
+
+/**
+ * Frees a block. The last one unmaps the buffer.
+ *
+ * @param addr  what the allocation returned
+ * @return 0, also when the block is free already; -1 when no block begins there, which is logged if the
+ *         address is in the buffer
+ */
+KV_EXPORT int kv_udmabuf_freeCachedBuffer(void* addr);
+
+/** Logs the blocks of the cached buffer, for debugging: reads without the lock that the others take. */
+KV_EXPORT void kv_udmabuf_printCachedMemoryBuffers(void);
+
+/**
+ * @return 1 when the machine has a cached buffer, else 0; looked up once per process. Throws
+ *         std::filesystem::filesystem_error when that cannot be told.
+ */
+KV_EXPORT int kv_udmabuf_areCacheCoherentBuffersAvailable(void);
 
 KV_END_DECLS
 
