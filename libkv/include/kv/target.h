@@ -1,10 +1,10 @@
 /**
  * @file
- * What machine the library runs on: hardware family, marketing name, serial numbers and processor
- * temperature.
+ * What machine the library runs on: hardware family, marketing name, serial numbers, processor temperature,
+ * the lines of its screen, and its clock.
  *
- * All functions are reentrant and hold no state. Those that read a file open it anew on each call and may
- * block on it.
+ * Functions that read a file open it anew on each call and may block on it. All are reentrant and hold no
+ * state, but for those of the clock, which are for one thread, the model's.
  */
 #ifndef KV_TARGET_H
 #define KV_TARGET_H
@@ -12,6 +12,10 @@
 #include <stdint.h>
 
 #include <kv/export.h>
+
+#ifdef __cplusplus
+#include <string>
+#endif
 
 KV_BEGIN_DECLS
 
@@ -72,6 +76,88 @@ KV_EXPORT int kv_getSerialNumberInternal(void);
 /** Reads the supplier's serial number (the letter s, then digits) from the same file. @return as
  * kv_getSerialNumber() */
 KV_EXPORT int kv_getSerialNumberSupplier(void);
+
+#ifdef __cplusplus
+/* ---- Screen lines ----
+ *
+ * The two lines on the machine's own screen, with the platform's colour tags around each. For C++ only; the
+ * symbols bear these plain names. They throw std::bad_alloc where memory is exhausted.
+ */
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+
+/**
+ * @return "<white>Kelvaro NAME SERIAL</white>". The name is the first line of
+ * /usr/kelvaro/sysinfo/kelvaro_marketingName.txt, "MarketingName" where that file cannot be opened. The
+ * serial number is the first that the machine has: "SN 4711" for the customer's, "SN i12" for the internal
+ * one, "SN s77" for the supplier's, else "NoSerialNumber".
+ */
+KV_EXPORT std::string kv_getTargetScreenLine1();
+
+/**
+ * @return "<white>VERSION</white>", with the first line of /usr/kelvaro/sysinfo/kelvaro_version.txt, and
+ * nothing between the tags where the file cannot be opened or is empty
+ */
+KV_EXPORT std::string kv_getTargetScreenLine2();
+
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
+#endif
+
+/* ---- Clock ---- */
+
+/** Bytes that kv_getTargetTime() writes at most. */
+#define KV_TARGET_TIME_SIZE 26
+
+/**
+ * Tells the local time as ctime() writes it, "Wed Jun  5 14:07:09 2024\n".
+ *
+ * @param targetTime  receives the text with its newline; at least KV_TARGET_TIME_SIZE bytes
+ * @return 0
+ */
+KV_EXPORT int kv_getTargetTime(char* targetTime);
+
+/**
+ * @return the local time in days, whole seconds being the fraction: 1 January of year 0 begins at 1.0, 1
+ * January of year 1 at 367.0
+ */
+KV_EXPORT double kv_getTargetTimeNum(void);
+
+/** @return seconds since the first call of this function in the process, a little more than 0 on that call */
+KV_EXPORT double kv_getSecondsSinceStart(void);
+
+/** A calendar text cut into fields. A text that fills its field has no terminator. */
+typedef struct DateStr_tag {
+    char wd[4];     /**< weekday, "Wed" */
+    char month[4];  /**< "Jun" */
+    char dom[4];    /**< day of the month */
+    char hhmmss[9]; /**< time of day, "14:07:09" */
+    char tz[4];     /**< time zone; calendar texts have none */
+    char year[4];   /**< "2024", never terminated */
+} DateStr_T;
+
+/** A point in time, in fields. */
+typedef struct DateTime_tag {
+    int year;
+    int month; /**< 1 to 12, 0 when unknown */
+    int dom;   /**< day of the month, from 1 */
+    int doy;   /**< day of the year, from 1; 0 when it was not computed */
+    int hour;
+    int min;
+    int sec;
+    double subsec; /**< fraction of a second */
+    int ns;        /**< not used */
+    int inSync;    /**< not used */
+} DateTime_T;
+
+/** Prints "DateTime: 2024-06-05 14:07:09" and a newline to standard output. @return 0 */
+KV_EXPORT int print_dt(DateTime_T* dt);
+
+/** Prints the fields, but for tz, in one line to standard output. @return 0 */
+KV_EXPORT int print_ds(DateStr_T* ds);
 
 KV_END_DECLS
 

@@ -1,0 +1,123 @@
+#include <array>
+#include <cstdlib>
+#include <sys/stat.h>
+
+#include <kv/diagnostics.h>
+#include <kv/serial.h>
+
+#include "os/unique_fd.h"
+#include "runtime/kv_root.h"
+#include "serial/kv_serial_internal.h"
+#include "serial/kv_serial_tables.h"
+
+namespace {
+
+using kv::serial::kPorts;
+using kv::serial::OnboardPort;
+
+constexpr int kClosed = -1;
+constexpr mode_t kEveryUser = 0666;
+
+struct OnboardPorts {
+    std::array<int, kPorts> fds;
+    std::string gpioChipName;
+};
+
+/** Never destroyed: exit handlers close ports too. */
+OnboardPorts& onboardPorts() {
+    static auto* const g_onboardPorts =
+        new OnboardPorts{{kClosed, kClosed, kClosed, kClosed, kClosed, kClosed}, {}};
+    return *g_onboardPorts;
+}
+
+/** The place of a port's descriptor; null for a port that does not exist. */
+int* slotOf(int port) {
+    return port >= 1 && port <= kPorts ? &onboardPorts().fds[static_cast<std::size_t>(port) - 1] : nullptr;
+}
+
+using NodeName = std::array<char, 20>;
+
+/** A name that is not found stays empty. */
+bool findNode(kv_TargetType type, int port, NodeName& node) {
+    const auto address = kv::serial::baseAddress(type, port);
+    return address && kv_findSerialDeviceByPort(*address, node.data(), node.size()) == 0;
+}
+
+void letEveryUserOpen(const char* node) {
+    const kv_beRootObj root;
+    (void)::chmod(node, kEveryUser);  // the open that follows tells whether it matters
+}
+
+/** Switches the port's transmitter on. Once its line is found, the chip's name counts for all ports. */
+bool prepare(int port, const OnboardPort& onboard) {
+    if (onboard.stopConsole != nullptr) {
+        (void)!std::system(onboard.stopConsole);  // there may be no console to stop
+    }
+    const auto transmitLine = kv::serial::findGpioLine(onboard.transmitLine);
+    if (!transmitLine) {
+        kv_printf(kv_error, "[port %d] GPIO line %s not found\n", port, onboard.transmitLine);
+        return false;
+    }
+    std::string& chipName = onboardPorts().gpioChipName;
+    if (chipName.empty()) {
+        chipName = transmitLine->chip;
+    }
+    letEveryUserOpen(onboard.node);
+    return kv::serial::driveLines(port, transmitLine->chip,
+                                  {{transmitLine->offset, 1}, {onboard.secondLine, 0}}) == 0;
+}
+
+}  // namespace
+
+int kv::serial::openPort(kv_TargetType type, int port, int flags) {
+    int* const slot = slotOf(port);
+    if (slot == nullptr) {
+        kv_printf(kv_error, "[port %d] Port number out of bounds: %d\n", port, port);
+        return -1;
+    }
+    if (*slot != kClosed) {
+        return *slot;
+    }
+    NodeName node{};
+    if (!findNode(type, port, node)) {
+        kv_printf(kv_error, "[port %d] not found device %s\n", port, node.data());
+        return -1;
+    }
+    const OnboardPort* const onboard = findOnboardPort(node.data());
+    if (onboard == nullptr) {
+        kv_printf(kv_error, "Serial device %s not recognized\n", node.data());
+        return -1;
+    }
+    if (!prepare(port, *onboard)) {
+        return -1;
+    }
+    kv::os::UniqueFd file = kv::os::openFile(node.data(), flags);
+    if (!file) {
+        kv_printf(kv_error, "[port %d] Failed to open device %s\n", port, node.data());
+        return -1;
+    }
+    *slot = file.release();  // until kv_serial_port_close()
+    return *slot;
+}
+
+int kv::serial::descriptorOf(int port) {
+    const int* const slot = slotOf(port);
+    return slot == nullptr ? kClosed : *slot;
+}
+
+const std::string& kv::serial::gpioChipName() {
+    return onboardPorts().gpioChipName;
+}
+
+int kv_serial_port_open(int port, int flags) {
+    return kv::serial::openPort(kv_getTargetType(), port, flags);
+}
+
+int kv_serial_port_close(int port) {
+    int* const slot = slotOf(port);
+    if (slot != nullptr && *slot >= 1) {  // descriptor 0 counts as closed
+        const kv::os::UniqueFd closed(*slot);
+        *slot = kClosed;
+    }
+    return 0;
+}
