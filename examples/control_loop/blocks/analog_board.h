@@ -30,10 +30,20 @@ enum AnalogRegister {
     ANALOG_STATUS = 0x08,
     ANALOG_CONTROL = 0x0C,
     ANALOG_INPUT_0 = 0x10,
-    ANALOG_OUTPUT_0 = 0x30
+    ANALOG_OUTPUT_0 = 0x30,
+    ANALOG_TIMER_PERIOD = 0x50, /* ns between interrupts, 0 stops the timer */
+    ANALOG_TIMER_TICKS = 0x54,  /* since the timer was started */
+    ANALOG_TIMER_SERVED = 0x58, /* the tick that was served: the interrupt is held while it is not the last */
+    ANALOG_INTERRUPTS = 0x5C,   /* enabled ones */
+    ANALOG_TICK_TIME_LOW = 0x60, /* when the last tick was due, ns of CLOCK_MONOTONIC */
+    ANALOG_TICK_TIME_HIGH = 0x64,
+    ANALOG_STREAM_ADDRESS_LOW = 0x68, /* physical address of the buffer for the samples of each tick */
+    ANALOG_STREAM_ADDRESS_HIGH = 0x6C,
+    ANALOG_STREAM_FRAMES = 0x70 /* room in the buffer, 0 stops the stream */
 };
 
-enum { ANALOG_STATUS_READY = 0x1 };
+enum { ANALOG_STATUS_READY = 0x1, ANALOG_STATUS_STREAM_FAULT = 0x4 };
+enum { ANALOG_INTERRUPT_TIMER = 0x1 };
 enum { ANALOG_CONTROL_CONVERT = 0x1, ANALOG_CONTROL_DRIVE_OUTPUTS = 0x2 };
 
 /* Full scale of inputs and outputs: 32768 stands for 10 V. */

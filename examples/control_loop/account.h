@@ -1,0 +1,15 @@
+#pragma once
+
+#include <iosfwd>
+
+/** Prints the machine that the model runs on. */
+void printMachine();
+
+/** Prints what the model's blocks found, and from where the controller goes on. */
+void printStart();
+
+/** Prints how the plant was controlled, and whether the model has left anything in the registry. */
+void printOutcome();
+
+/** Writes the recorded signals as comma-separated values, one line for each step. */
+void writeRecord(std::ostream& out);
