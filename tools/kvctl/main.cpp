@@ -5,7 +5,11 @@
 
 #include <brevane/Logger.h>
 
+#include "eth_command.h"
+#include "info_command.h"
 #include "pci_command.h"
+#include "serial_command.h"
+#include "time_command.h"
 
 namespace {
 
@@ -17,9 +21,15 @@ constexpr int kUsageError = 2;
 int main(int argc, char** argv) {
     CLI::App app{
         "Shows what the hardware-support library sees of this machine.\n"
-        "Exit status: 0 done, 1 the machine could not be read, 2 wrong usage."};
+        "Exit status: 0 good, 1 something is missing or failed, 2 wrong usage.\n"
+        "What is missing is named on standard error; the rest is shown all the same."};
     app.require_subcommand(1);
-    kvctl::addPciCommand(app);
+    kvctl::Problems problems;
+    kvctl::addInfoCommand(app, problems);
+    kvctl::addPciCommand(app, problems);
+    kvctl::addEthCommand(app, problems);
+    kvctl::addSerialCommand(app, problems);
+    kvctl::addTimeCommand(app);
 
     brevane::Logger::setUpSinks(boost::log::trivial::warning);
     try {
@@ -30,5 +40,8 @@ int main(int argc, char** argv) {
         std::cerr << "kvctl: " << error.what() << '\n';
         return kFailed;
     }
-    return 0;
+    if (!std::cout.flush()) {
+        problems.report("standard output", "not everything could be written");
+    }
+    return problems.any() ? kFailed : 0;
 }

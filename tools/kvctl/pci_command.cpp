@@ -3,14 +3,13 @@
 #include <array>
 #include <iostream>
 #include <memory>
-#include <span>
-#include <stdexcept>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include <kv/diagnostics.h>
 #include <kv/pci.h>
+
+#include "command_support.h"
+#include "topology.h"
 
 extern "C" {
 #include <pci/pci.h>
@@ -21,24 +20,6 @@ namespace kvctl {
 namespace {
 
 using kv::utils::formatString;
-using Json = nlohmann::ordered_json;
-using Nodes = std::span<const kv_topo_node>;
-
-constexpr uint32_t kBridgeHeaderType = 1;
-
-const kv_topo_bridge* bridgeOf(const kv_topo_node& node) {
-    return node.headerType == kBridgeHeaderType ? reinterpret_cast<const kv_topo_bridge*>(node.customData)
-                                                : nullptr;
-}
-
-Nodes childrenOf(const kv_topo_node& node) {
-    const kv_topo_bridge* bridge = bridgeOf(node);
-    return bridge == nullptr ? Nodes() : Nodes(bridge->children, bridge->nChildren);
-}
-
-std::string addressOf(const kv_topo_node& node) {
-    return formatString("%02x:%02x.%x", node.bus, node.slot, node.func);
-}
 
 std::string idText(uint32_t id) {
     return formatString("%04x", id);
@@ -114,31 +95,30 @@ Json toJson(Nodes nodes) {
     return list;
 }
 
-void showTopology(bool asJson) {
+void showTopology(bool asJson, Problems& problems) {
     const kv::OwnedTopology topology;
-    if (topology.count() < 0) {
-        throw std::runtime_error("this machine offers no access to PCI (/sys/bus/pci/devices)");
+    const std::optional<Nodes> topLevel = topLevelOf(topology, problems);
+    if (!topLevel) {
+        return;
     }
-    const Nodes topLevel(topology.nodes(), static_cast<std::size_t>(topology.count()));
     if (asJson) {
-        std::cout << toJson(topLevel).dump(2) << '\n';
-    } else if (topLevel.empty()) {
+        printJson(toJson(*topLevel));
+    } else if (topLevel->empty()) {
         std::cout << "No PCI devices.\n";
     } else {
         Names names;
-        printTree(topLevel, "", names);
+        printTree(*topLevel, "", names);
     }
 }
 
 }  // namespace
 
-void addPciCommand(CLI::App& app) {
+void addPciCommand(CLI::App& app, Problems& problems) {
     CLI::App* command =
         app.add_subcommand("pci", "Show the PCI topology, from bus 0 down through all bridges");
-    auto asJson = std::make_shared<bool>(false);
-    command->add_flag("--json", *asJson, "Print JSON for programs instead of a tree");
+    const auto asJson = addJsonFlag(*command);
     command->footer("Link widths (the x1 of PCIe2 x1) are readable by root only; others see PCI.");
-    command->callback([asJson] { showTopology(*asJson); });
+    command->callback([asJson, &problems] { showTopology(*asJson, problems); });
 }
 
 }  // namespace kvctl

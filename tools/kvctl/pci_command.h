@@ -1,10 +1,10 @@
 #pragma once
 
-#include <CLI/App.hpp>
+#include "command_support.h"
 
 namespace kvctl {
 
-/** Adds `kvctl pci`: the PCI topology as a tree, or as JSON. */
-void addPciCommand(CLI::App& app);
+/** Adds `kvctl pci`: the PCI topology as a tree. */
+void addPciCommand(CLI::App& app, Problems& problems);
 
 }  // namespace kvctl

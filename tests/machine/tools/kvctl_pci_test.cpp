@@ -7,19 +7,15 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/machine_test.h"
-#include "support/shell.h"
+#include "run_kvctl.h"
 
+using kv::test::kvctl;
 using kv::test::Outcome;
 using kv::test::shell;
 using nlohmann::json;
 using testing::HasSubstr;
 
 namespace {
-
-Outcome kvctl(const std::string& arguments) {
-    return shell(KVCTL_PROGRAM " " + arguments);
-}
 
 /** "bus:slot.function vendor:device" of every function in a topology. */
 void collect(const json& functions, std::set<std::string>& list) {
@@ -96,7 +92,7 @@ TEST(KvctlPci, TellsAnEmptyBusFromNoAccessToPci) {
     kvsim::Machine::remove("/sys/bus/pci/devices");
     const Outcome failed = kvctl("pci");
     EXPECT_EQ(failed.status, 1);
-    EXPECT_EQ(failed.output, "kvctl: this machine offers no access to PCI (/sys/bus/pci/devices)\n");
+    EXPECT_EQ(failed.output, "kvctl: /sys/bus/pci/devices: this machine offers no access to PCI\n");
 }
 
 TEST(KvctlPci, RefusesWrongUsage) {

@@ -1,0 +1,71 @@
+#include "command_support.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+namespace kvctl {
+
+namespace {
+
+constexpr std::size_t kColumnGap = 2;
+
+}  // namespace
+
+void Problems::report(const std::string& what, const std::string& reason) {
+    std::cerr << "kvctl: " << what << ": " << reason << '\n';
+    any_ = true;
+}
+
+std::optional<std::string> contentsOf(const std::string& path, Problems& problems) {
+    std::ifstream file(path);
+    std::string text;
+    for (char byte = 0; file.get(byte);) {
+        text += byte;
+    }
+    if (!file.is_open() || file.bad()) {
+        problems.report(path, std::strerror(errno));
+        return std::nullopt;
+    }
+    return text;
+}
+
+std::optional<std::string> firstLineOf(const std::string& path, Problems& problems) {
+    const std::optional<std::string> text = contentsOf(path, problems);
+    if (text && text->empty()) {
+        problems.report(path, "the file is empty");
+        return std::nullopt;
+    }
+    return text ? std::optional(text->substr(0, text->find('\n'))) : std::nullopt;
+}
+
+std::shared_ptr<const bool> addJsonFlag(CLI::App& command) {
+    auto asJson = std::make_shared<bool>(false);
+    command.add_flag("--json", *asJson, "Print JSON for programs");
+    return asJson;
+}
+
+void printJson(const Json& value) {
+    std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+void printColumns(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], row[i].size() + kColumnGap);
+        }
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += row[i] + std::string(widths[i] - row[i].size(), ' ');
+        }
+        std::cout << line.substr(0, line.find_last_not_of(' ') + 1) << '\n';
+    }
+}
+
+}  // namespace kvctl

@@ -1,0 +1,10 @@
+#pragma once
+
+#include "command_support.h"
+
+namespace kvctl {
+
+/** Adds `kvctl serial`: the serial ports and their device nodes. */
+void addSerialCommand(CLI::App& app, Problems& problems);
+
+}  // namespace kvctl
