@@ -95,7 +95,7 @@ bool receiveDescriptors(int connection, Descriptors& descriptors) {
 /** Leaves nothing of the process that it comes from: terminal, signals, open files. */
 int detach(int connection) {
     ::setsid();
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGCHLD}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
         std::signal(signal, SIG_DFL);
     }
     std::signal(SIGPIPE, SIG_IGN);
@@ -161,13 +161,13 @@ UniqueFd mountActiveFiles() {
     UniqueFd fuse = kv::os::openFile(kFuseDevice, O_RDWR);
     if (!fuse) {
         const std::string reason = std::strerror(errno);
-        throw MachineUnavailable("cannot open " + std::string(kFuseDevice) + ": " + reason +
-                                 "\nDrivers and boards that act need FUSE: modprobe fuse; chmod 0666 /dev/fuse, "
-                                 "in a container also --device /dev/fuse");
+        throw MachineUnavailable(
+            "cannot open " + std::string(kFuseDevice) + ": " + reason +
+            "\nDrivers and boards that act need FUSE: modprobe fuse; chmod 0666 /dev/fuse, "
+            "in a container also --device /dev/fuse");
     }
-    const std::string options =
-        format("fd=%d,rootmode=%o,user_id=%u,group_id=%u,allow_other", fuse.get(), S_IFDIR, ::geteuid(),
-               ::getegid());
+    const std::string options = format("fd=%d,rootmode=%o,user_id=%u,group_id=%u,allow_other", fuse.get(),
+                                       S_IFDIR, ::geteuid(), ::getegid());
     if (::mount("kvsim", kActiveFolder, "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
         const std::string reason = std::strerror(errno);
         throw MachineUnavailable("cannot mount FUSE: " + reason +
