@@ -27,7 +27,7 @@ void BaseRateLoop::run() {
     while (goesOn) {
         Trigger next;
         goesOn = pace->await(next);
-        // Triggers before the first step were missed by none.
+        // Nobody waited for triggers before the first step.
         if (next.missed > 0 && steps_ > 0) {
             countOverrun(next.missed);
         }

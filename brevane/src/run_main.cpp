@@ -20,8 +20,7 @@ constexpr int kExitGood = 0;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-/** A number that is no number at all compares false with everything, so the range is asked for, not excluded.
- */
+// What is not a number compares false with everything, so the range is asked for, not excluded.
 std::string checkSeconds(const std::string& text) {
     constexpr double kShortest = 1e-9;
     constexpr double kLongest = 1e9;

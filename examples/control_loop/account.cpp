@@ -99,8 +99,8 @@ void printStart() {
 }
 
 void printOutcome() {
-    printMonitor(control_loop_DW.monitor.report);
     if (control_loop_DW.steps > 0) {
+        printMonitor(control_loop_DW.monitor.report);
         printControl();
     }
     const bool empty = boardOf(control_loop_P.setup1) == nullptr && boardOf(control_loop_P.setup2) == nullptr;

@@ -8,7 +8,7 @@ void printMachine();
 /** Prints what the model's blocks found, and from where the controller goes on. */
 void printStart();
 
-/** Prints how the plant was controlled, and whether the model has left anything in the registry. */
+/** Prints how the plant was controlled, if at all, and whether anything is left in the registry. */
 void printOutcome();
 
 /** Writes the recorded signals as comma-separated values, one line for each step. */

@@ -128,8 +128,8 @@ void control_loop_step(void) {
 
     b->level = analogChannel_read(&dw->level);
     b->setPoint = nextSetPoint(dw->steps, b->level, b->setPoint);
-    (void)analogStream_read(&dw->stream, dw->timer.tick, RESPONSE_CHANNEL,
-                            &b->response); /* or the one before */
+    /* Where the samples are lost, the response of the step before stands. */
+    (void)analogStream_read(&dw->stream, dw->timer.tick, RESPONSE_CHANNEL, &b->response);
     b->output = control(b->setPoint - b->response, &dw->state->integrator);
     analogChannel_write(&dw->drive, b->output);
     analogChannel_write(&dw->mirror, -b->output);

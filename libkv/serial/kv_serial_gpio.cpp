@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <exception>
 #include <system_error>
+#include <vector>
 
 #include <gpiod.hpp>
 
@@ -23,7 +24,7 @@ std::optional<GpioLine> findGpioLine(const char* name) noexcept {
     }
 }
 
-int driveGpioLines(const std::string& chip, const std::vector<GpioValue>& values) noexcept {
+int driveGpioLines(const std::string& chip, std::initializer_list<GpioValue> values) noexcept {
     try {
         const gpiod::chip opened(chip, gpiod::chip::OPEN_BY_NAME);
         gpiod::line_bulk lines;

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <initializer_list>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace kv::serial {
 
@@ -27,6 +27,6 @@ struct GpioValue {
  *
  * @return 0 or an error number
  */
-int driveGpioLines(const std::string& chip, const std::vector<GpioValue>& values) noexcept;
+int driveGpioLines(const std::string& chip, std::initializer_list<GpioValue> values) noexcept;
 
 }  // namespace kv::serial

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <string>
 
 #include <kv/target.h>
@@ -14,10 +15,10 @@ int openPort(kv_TargetType type, int port, int flags);
 /** @return the descriptor of an open port; -1 for one that is closed or does not exist */
 int descriptorOf(int port);
 
-/** The chip that carries the onboard ports' GPIO lines. Empty until the first port was opened. */
+/** The chip that carries the onboard ports' GPIO lines. Empty until an opening has found it. */
 const std::string& gpioChipName();
 
 /** Drives a port's GPIO lines; logs where that is not possible. @return 0 or -1 */
-int driveLines(int port, const std::string& chip, const std::vector<GpioValue>& values);
+int driveLines(int port, const std::string& chip, std::initializer_list<GpioValue> values);
 
 }  // namespace kv::serial

@@ -1,5 +1,4 @@
 #include <cstring>
-#include <vector>
 
 #include <kv/diagnostics.h>
 #include <kv/serial.h>
@@ -31,7 +30,7 @@ const TransceiverLines* linesOf(int port) {
 
 }  // namespace
 
-int kv::serial::driveLines(int port, const std::string& chip, const std::vector<GpioValue>& values) {
+int kv::serial::driveLines(int port, const std::string& chip, std::initializer_list<GpioValue> values) {
     const int error = driveGpioLines(chip, values);
     if (error != 0) {
         kv_printf(kv_error, "[port %d] GPIO lines of %s not available: %s\n", port, chip.c_str(),

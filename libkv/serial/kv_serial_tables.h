@@ -50,8 +50,7 @@ const ModeValues* modeValues(int mode);
 /** Whether a baud rate is one of the speed codes from B57600 to B4000000. */
 bool isExtendedBaudrate(speed_t baudrate);
 
-/** The line configuration without its speed, see kv_serial_device_config(). Empty for a parity that is none.
- */
+/** A line configuration without its speed, see kv_serial_device_config(). Empty for an unknown parity. */
 std::optional<LineFlags> lineFlags(int dataBits, parity_bits parity, int stopBits, int ctsMode);
 
 }  // namespace kv::serial

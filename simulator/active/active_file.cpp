@@ -1,6 +1,7 @@
 #include "active/active_file.h"
 
 #include <exception>
+#include <optional>
 
 namespace kvsim {
 
@@ -13,10 +14,10 @@ class AttributeFile::Opened : public OpenFile {
             read->fail(EIO);
             return;
         }
-        if (request.offset == 0) {
+        if (request.offset == 0 || !text_) {
             text_ = show_();  // a reader that reads in pieces gets pieces of one text
         }
-        const std::string_view text = text_;
+        const std::string_view text = *text_;
         read->answer(request.offset < text.size() ? text.substr(request.offset, request.sizeBytes)
                                                   : std::string_view());
     }
@@ -38,7 +39,7 @@ class AttributeFile::Opened : public OpenFile {
     // Copies: the attribute may be removed while it is open.
     Show show_;
     Store store_;
-    std::string text_;
+    std::optional<std::string> text_;
 };
 
 std::unique_ptr<OpenFile> AttributeFile::open(int& /*error*/) {

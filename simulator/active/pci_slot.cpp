@@ -16,6 +16,13 @@ extern "C" {
 
 namespace kvsim {
 
+namespace {
+
+/** What a program has put in a file's place must not make the whole machine wait. */
+constexpr int kPlainFilesOnly = O_NOFOLLOW | O_NONBLOCK;
+
+}  // namespace
+
 PciSlot::PciSlot(MachineCore& core, const PciFunction& function, const PciTopology& topology)
     : core_(core), function_(function), name_(pciName(function)), path_(pciDevicePath(function, topology)) {
     if (function.irq != 0) {
@@ -55,7 +62,8 @@ void PciSlot::disable() {
 }
 
 void PciSlot::setAttribute(const char* attribute, const std::string& text) {
-    const kv::os::UniqueFd file = kv::os::openFile(path_ + "/" + attribute, O_WRONLY | O_TRUNC);
+    const kv::os::UniqueFd file =
+        kv::os::openFile(path_ + "/" + attribute, O_WRONLY | O_TRUNC | kPlainFilesOnly);
     (void)!::write(file.get(), text.data(), text.size());  // nothing where a program has removed it
 }
 
@@ -68,7 +76,7 @@ void PciSlot::changeCommand(unsigned set, unsigned clear) {
         return;
     }
     // Where nothing interrupts, the configuration space is a plain file.
-    const kv::os::UniqueFd config = kv::os::openFile(path_ + "/config", O_RDWR);
+    const kv::os::UniqueFd config = kv::os::openFile(path_ + "/config", O_RDWR | kPlainFilesOnly);
     std::uint16_t command = 0;
     if (::pread(config.get(), &command, sizeof command, PCI_COMMAND) == sizeof command) {
         command = changed(command);

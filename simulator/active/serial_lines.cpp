@@ -115,8 +115,7 @@ class FarSide {
         transmit();
     }
 
-    /** What the port does not take now is sent later; an echo hears nothing meanwhile, and so nothing is
-     * lost. */
+    /** What the port does not take now is sent later; an echo hears nothing meanwhile, so nothing is lost. */
     void transmit() {
         const ssize_t count = ::write(line_.master.get(), pending_.data(), pending_.size());
         pending_.erase(0, static_cast<std::size_t>(std::max(count, ssize_t{0})));

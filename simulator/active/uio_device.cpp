@@ -19,8 +19,7 @@ constexpr std::size_t kWordSize = sizeof(std::uint32_t);
 
 }  // namespace
 
-/** Each open has its own idea of the count: it starts with the present one, and a read brings it up to date.
- */
+/** Each open has its own idea of the count: it starts with the present one, and a read takes the latest. */
 class UioFile::Opened : public OpenFile {
  public:
     explicit Opened(std::shared_ptr<UioFile> file) : file_(std::move(file)), seen_(file_->count_) {

@@ -23,8 +23,7 @@ struct gpiod_line {
     std::string consumer = {};
     bool isOutput = false;
 
-    /** The line's folder, locked while the line is requested: the lock ends with the process at the latest.
-     */
+    /** The line's folder, locked while the line is requested: the lock ends with the process too. */
     kv::os::UniqueFd held = {};
     /** Flags of the request; 0 while there is none. */
     int flags = 0;

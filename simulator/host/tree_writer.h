@@ -12,8 +12,7 @@ namespace kvsim {
  */
 void writeTree(const FileTree& tree);
 
-/** Removes what a tree names, and the folders below @p top that are empty then. Passes over what isn't there.
- */
+/** Removes what is there of a tree, and the folders below @p top that are empty then. */
 void removeTree(const FileTree& tree, const std::string& top);
 
 }  // namespace kvsim

@@ -12,8 +12,7 @@ namespace kvsim {
 
 namespace {
 
-constexpr const char* kUioClass = "/sys/class/uio";
-constexpr const char* kUioDriver = "uio_pdrv_genirq";
+constexpr const char* kFabricDriver = "uio_pdrv_genirq";
 
 constexpr unsigned kCommandMode = 0755;
 
@@ -38,7 +37,7 @@ void addMap(const std::string& path, const UioMap& map, FileTree& tree) {
     tree.addText(path + "/offset", format("0x%llx\n", static_cast<unsigned long long>(map.offset)));
 }
 
-/** The device file: the memory of all regions, each at its offset. */
+/** The device file: the memory of all maps, each at its offset. */
 File registersOf(const AxiDevice& device) {
     File file{.mode = 0600};
     for (const UioMap& map : device.maps) {
@@ -54,9 +53,9 @@ void addAxiDevice(const AxiDevice& device, unsigned number, FileTree& tree) {
     const std::uint64_t address = device.maps.empty() ? 0 : device.maps.front().address;
     const std::string name = format("%llx.%s", static_cast<unsigned long long>(address), device.name.c_str());
     const std::string parent = "/sys/devices/platform/axi/" + name;
-    const std::string driver = std::string("/sys/bus/platform/drivers/") + kUioDriver;
+    const std::string driver = std::string("/sys/bus/platform/drivers/") + kFabricDriver;
     tree.addWritable(parent + "/uevent",
-                     format("DRIVER=%s\nMODALIAS=platform:%s\n", kUioDriver, name.c_str()));
+                     format("DRIVER=%s\nMODALIAS=platform:%s\n", kFabricDriver, name.c_str()));
     tree.addLink(parent + "/subsystem", "/sys/bus/platform");
     tree.addLink(parent + "/driver", driver);
     tree.addLink(driver + "/" + name, parent);

@@ -5,12 +5,6 @@
 
 namespace kvsim {
 
-namespace {
-
-constexpr const char* kClassFolder = "/sys/class/uio";
-
-}  // namespace
-
 std::string uioDeviceFile(unsigned number) {
     return format("/dev/uio%u", number);
 }
@@ -24,9 +18,9 @@ void layOutUioDevice(unsigned number, const std::string& name, const std::string
     const std::string path = parentPath + "/" + uioFolder(number);
     tree.addText(path + "/name", name + "\n");
     tree.addText(path + "/version", version + "\n");
-    tree.addLink(path + "/subsystem", kClassFolder);
+    tree.addLink(path + "/subsystem", kUioClass);
     tree.addLink(path + "/device", parentPath);
-    tree.addLink(format("%s/uio%u", kClassFolder, number), path);
+    tree.addLink(format("%s/uio%u", kUioClass, number), path);
     addCharacterDevice(path, format("uio%u", number), kUioMajor, number, tree);
 }
 

@@ -6,6 +6,8 @@
 
 namespace kvsim {
 
+inline constexpr const char* kUioClass = "/sys/class/uio";
+
 /** "/dev/uio0" */
 std::string uioDeviceFile(unsigned number);
 

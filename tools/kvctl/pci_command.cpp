@@ -25,7 +25,7 @@ std::string idText(uint32_t id) {
     return formatString("%04x", id);
 }
 
-/** Names of devices from the pci.ids data base; numbers where it has none. */
+/** Names of devices from the pci.ids database; numbers where it has none. */
 class Names {
  public:
     std::string describe(const kv_topo_node& node) {

@@ -29,8 +29,7 @@ static int findBoard(const AnalogSetupParameters* parameters, kv_PCIDevice* pci)
                                     anySubsystem, parameters->position, parameters->bus, parameters->slot);
 }
 
-/* The identity register repeats the device id; a board that answers otherwise is broken or not in its slot.
- */
+/* The identity register repeats the device id; a board that answers otherwise is broken or badly seated. */
 static int checkBoard(const AnalogBoard* board, KvError* error) {
     const uint32_t identity = analogBoard_read(board, ANALOG_IDENTITY);
     if (identity >> 16 != board->pci.DeviceId) {

@@ -37,6 +37,7 @@ int analogStream_start(AnalogStream* block, KvError* error) {
     }
     memset(block->frames, 0, BUFFER_BYTES);
     block->board = board;
+    analogBoard_write(board, ANALOG_STREAM_FRAMES, 0); /* a run that was killed may have left it going */
     analogBoard_write(board, ANALOG_STREAM_ADDRESS_LOW, (uint32_t)block->physicalAddress);
     analogBoard_write(board, ANALOG_STREAM_ADDRESS_HIGH, (uint32_t)((uint64_t)block->physicalAddress >> 32));
     analogBoard_write(board, ANALOG_STREAM_FRAMES, FRAMES);

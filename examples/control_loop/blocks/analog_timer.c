@@ -58,6 +58,9 @@ int analogTimer_wait(AnalogTimer* block, int timeoutMs, AnalogTick* tick, KvErro
         return status == -EINTR ? 0 : fail(error);
     }
     const uint32_t ticks = analogBoard_read(board, ANALOG_TIMER_TICKS);
+    if (ticks == block->tick) {
+        return 0; /* another board's, on the same line */
+    }
     tick->missed = ticks - block->tick - 1;
     tick->dueNs = (uint64_t)analogBoard_read(board, ANALOG_TICK_TIME_HIGH) << 32 |
                   analogBoard_read(board, ANALOG_TICK_TIME_LOW);

@@ -38,7 +38,7 @@ void analogTimer_pinModel(AnalogTimer* block);
 
 /*
  * Ends the service of the last tick and waits for the next. Returns 1 with a tick; 0 without one, after the
- * time-out or when a signal came; -1 with an error where the board has gone.
+ * time-out, a signal or an interrupt that was not the timer's; -1 with an error where the board has gone.
  */
 int analogTimer_wait(AnalogTimer* block, int timeoutMs, AnalogTick* tick, KvError* error);
 

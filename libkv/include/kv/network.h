@@ -59,15 +59,16 @@ KV_EXPORT int kv_target_getHostLinkMac(unsigned char* outMac);
 /**
  * Takes a controller from its network driver and gives it to atemsys_pci.
  *
- * @return what kv_pci_bindDriver() returned, which logs at kv_info; -1 when there is no such controller
+ * @return what kv_pci_bindDriver() returned, which logs at kv_info; -1 when there is no such controller or
+ * PCI cannot be accessed
  */
 KV_EXPORT int kv_configureEthercat(unsigned int absIndex);
 
 /**
  * Takes a controller from its driver and lets the kernel choose one.
  *
- * @return what kv_pci_probeDriver() returned, which logs at kv_info; -1 when there is no such controller or
- * its driver does not let go of it
+ * @return what kv_pci_probeDriver() returned, which logs at kv_info; -1 when there is no such controller,
+ * PCI cannot be accessed or the driver does not let go of the controller
  */
 KV_EXPORT int kv_teardownEthercat(unsigned int absIndex);
 

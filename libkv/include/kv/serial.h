@@ -85,7 +85,7 @@ typedef enum parity_bits
  */
 KV_EXPORT int kv_serial_port_open(int port, int flags);
 
-/** Closes a port. One that is not open, or does not exist, is left as it is. @return 0 */
+/** Closes a port. One that is not open, does not exist, or has descriptor 0 is left as it is. @return 0 */
 KV_EXPORT int kv_serial_port_close(int port);
 
 /** Opens a port for reading and writing; neither waits. @return as kv_serial_port_open() */
@@ -103,8 +103,8 @@ KV_EXPORT int kv_serial_device_close(int port);
  * @param data_bits  1 to 4 for 5 to 8 bits; any other value gives 8
  * @param stop_bits  2 for two; any other value gives one
  * @param cts_mode   0 ignores the modem lines; any other value is hardware flow control (RTS/CTS)
- * @return result of the system call that sets the port up, 0 or -1; -1 when the port cannot be opened and for
- *         a parity that is none
+ * @return result of the system call that sets the port up, 0 or -1, which is not logged; -1 when the port
+ *         cannot be opened and for a parity outside the enumeration
  */
 KV_EXPORT int kv_serial_device_config(int port, speed_t baudrate, int data_bits, parity_bits parity,
                                       int stop_bits, int cts_mode);
@@ -113,8 +113,8 @@ KV_EXPORT int kv_serial_device_config(int port, speed_t baudrate, int data_bits,
  * Lets a port's output go out, or drops what is queued in both directions. Opens the port where it is closed.
  *
  * @param behaviour  0 waits until the output has gone out, 1 drops; 2 and 3 do the same and close the port
- * @return result of tcdrain(3) or tcflush(3), 0 or -1; -1 when the port cannot be opened, and for any other
- *         behaviour, which leaves the port open
+ * @return result of tcdrain(3) or tcflush(3), 0 or -1, which is not logged; -1 when the port cannot be
+ *         opened, and for any other behaviour, which leaves the port open
  */
 KV_EXPORT int kv_serial_device_flush(int port, int behaviour);
 
@@ -123,7 +123,7 @@ KV_EXPORT int kv_serial_device_flush(int port, int behaviour);
  *
  * @param port  1 or 2
  * @param mode  1 drives both lines low, 2 both high, 3 the RS-485 line high and the half-duplex line low
- * @return 0 or -1
+ * @return 0; -1 for any other port or mode, before a port was opened, and when the lines cannot be driven
  */
 KV_EXPORT int kv_serial_device_set_mode(int port, int mode);
 
@@ -132,7 +132,7 @@ KV_EXPORT int kv_serial_device_set_mode(int port, int mode);
  *
  * @param port   1 or 2
  * @param value  what the termination line is driven to: 0 low, 1 or a negative value high
- * @return 0 or -1
+ * @return 0; -1 for any other port or value, before a port was opened, and when the line cannot be driven
  */
 KV_EXPORT int kv_serial_device_set_termination(int port, int value);
 

@@ -31,8 +31,7 @@ class Board {
     virtual ~Board() = default;
     /** Called before the command register lets the interrupt through: the program has served the board. */
     virtual void interruptServed() = 0;
-    /** Called by the driver when it is to mask the interrupt in the board in place of its command register.
-     */
+    /** Called by the driver when it is to mask the interrupt in the board, not in its command register. */
     virtual void maskInterrupt(std::uint32_t fixType, std::uint32_t mask) = 0;
 };
 
