@@ -1,0 +1,78 @@
+/**
+ * @file
+ * The record in which the code generator describes a block to the real-time kernel, as far as kv/block.h uses
+ * it.
+ *
+ * The record belongs to the code generator. What stands here lets driver blocks be built and tested without
+ * it: it has the members that the library touches, under the generator's names, and no others; their order is
+ * ours.
+ *
+ * A platform puts the generator's own record in its place: it defines KV_BLOCK_DESCRIPTOR_HEADER as the name
+ * of a header, with its quotes or angle brackets, that includes the generator's declarations and makes
+ * KvBlockDescriptor a name of the record:
+ *
+ *     -DKV_BLOCK_DESCRIPTOR_HEADER='"platform_block_descriptor.h"'
+ *
+ * The library and all driver blocks of one process must be compiled with the same definition: the layout is
+ * not checked when they meet.
+ */
+#ifndef KV_BLOCK_DESCRIPTOR_H
+#define KV_BLOCK_DESCRIPTOR_H
+
+#ifdef KV_BLOCK_DESCRIPTOR_HEADER
+#include KV_BLOCK_DESCRIPTOR_HEADER
+#else
+
+#include <stdint.h>
+
+typedef double real_T;
+typedef int int_T;
+typedef uint32_t uint32_T;
+
+/** One input port. */
+typedef struct KvBlockInputPort {
+    int_T width;             /**< number of signals */
+    int_T directFeedThrough; /**< 1 when the outputs of a step depend on its inputs */
+    struct {
+        unsigned int contiguity : 1; /**< the port's signals must lie in one array */
+    } attributes;
+} KvBlockInputPort;
+
+/** One output port. */
+typedef struct KvBlockOutputPort {
+    int_T width; /**< number of signals */
+} KvBlockOutputPort;
+
+/** One block. All arrays belong to the code generator. */
+typedef struct KvBlockDescriptor {
+    struct {
+        real_T* sampleTimes; /**< s; -1 is inherited */
+        real_T* offsetTimes; /**< s */
+    } stInfo;
+    struct {
+        int_T numContStates;
+        int_T numDiscStates;
+        int_T out; /**< output ports */
+        int_T in;  /**< input ports */
+        int_T numSampleTimes;
+        int_T numSFcnParams; /**< dialog parameters that the block expects */
+        int_T numIWork;      /**< length of the work vector of integers */
+        int_T numRWork;      /**< of reals */
+        int_T numPWork;      /**< of pointers */
+        int_T numNonsampledZCs;
+        int_T numModes;
+        uint32_T options; /**< option bits of the code generator */
+    } sizes;
+    struct {
+        int_T dlgNum;       /**< dialog parameters that were given */
+        double** dlgParams; /**< each: rows, columns, then the values */
+    } sfcnParams;
+    struct {
+        KvBlockInputPort* inputs;
+        KvBlockOutputPort* outputs;
+    } portInfo;
+} KvBlockDescriptor;
+
+#endif
+
+#endif
