@@ -21,8 +21,8 @@ struct SerialLine {
 };
 
 /**
- * Makes a pseudo-terminal for each serial port that is a terminal. To be called on the desk: behind a
- * machine's bound /dev/ptmx there are none. Throws std::system_error where that fails.
+ * Makes a pseudo-terminal for each serial port that is a terminal. To be called on the desk: only root may
+ * make one on a machine. Throws std::system_error where that fails.
  */
 std::vector<SerialLine> openSerialLines(const MachineDescription& description);
 

@@ -115,9 +115,9 @@ bool keepUserFolders(const std::string& name, mode_t type) {
 }
 
 bool keepHarmlessDevices(const std::string& name, mode_t /*type*/) {
-    static const std::vector<std::string> names = {"null", "zero",  "full",   "random", "urandom",
-                                                   "tty",  "fuse",  "pts",    "shm",    "ptmx",
-                                                   "fd",   "stdin", "stdout", "stderr"};
+    static const std::vector<std::string> names = {"null",  "zero",   "full",  "random", "urandom",
+                                                   "tty",   "fuse",   "pts",   "shm",    "fd",
+                                                   "stdin", "stdout", "stderr"};
     return std::ranges::find(names, name) != names.end();
 }
 

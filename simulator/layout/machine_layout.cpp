@@ -31,6 +31,7 @@ FileTree layOut(const MachineDescription& description) {
     layOutSoc(description, tree);
     layOutGpio(description.gpioChips, tree);
     tree.addFolder("/run/udev/data");
+    tree.addLink("/dev/ptmx", "/dev/pts/ptmx");  // the device itself would look for its terminals on the desk
     for (const PlainFile& file : description.files) {
         tree.addWritable(file.path, file.text);
     }

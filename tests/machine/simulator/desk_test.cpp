@@ -1,5 +1,7 @@
 // What the desk and the machine see of each other.
 
+#include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -10,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "os/unique_fd.h"
 #include "support/machine_temporary_folder.h"
 #include "support/machine_test.h"
 
@@ -101,6 +104,7 @@ TEST(Desk, KeepsItsFilesOnTheMachine) {
     const fs::path sharedObject = inSharedMemory.string() + "-object";
     fs::create_directories(inSharedMemory / "build");
     std::ofstream(sharedObject) << "of the desk";
+    const bool isDeskRoot = ::geteuid() == 0;
 
     const int status = inChild([&] {
         fs::current_path(work.path());
@@ -115,6 +119,7 @@ TEST(Desk, KeepsItsFilesOnTheMachine) {
         EXPECT_FALSE(fs::exists(sharedObject)) << "the machine has its own shared memory";
         Machine::write("result.txt", "written on the machine");
         std::ofstream("/dev/null") << "somewhere";
+        EXPECT_TRUE(!isDeskRoot || kv::os::UniqueFd(::posix_openpt(O_RDWR | O_NOCTTY))) << "a terminal";
         return testing::Test::HasFailure() ? 1 : 0;
     });
     fs::remove_all(inSharedMemory);
