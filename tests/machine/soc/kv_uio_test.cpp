@@ -84,11 +84,12 @@ TEST_F(UioContext, KeepsWhatAFailedAttachmentOpenedUntilTheNextOneOrTheEnd) {
     expectNotBound(context, ENOENT, "No such file or directory");
     EXPECT_EQ(context->uioIndex, -1);
 
-    makeFull("/dev/uio0");
+    Machine::write("/dev/uio0", "");
     makeFull(ofBoard(kFree, "/config"));
     expectNotAttached(context, ENOSPC, "Failed to write upper command byte: No space left on device\n", 2);
     EXPECT_EQ(kv_uio_enableInterrupt(context.get()), -ENOSPC);
     EXPECT_STREQ(pKvErrorStr, "Interrupt Enable: Failed to write config file: Unknown error -1\n");
+    ASSERT_EQ(::dup2(context->configfd, context->uiofd), context->uiofd);
     EXPECT_EQ(kv_uio_interruptEnableFix(context.get()), -ENOSPC);
     EXPECT_STREQ(pKvErrorStr, "Failed to enable Kelvaro interrupt fix: No space left on device\n");
     EXPECT_TRUE(context->kv_int_fix.requested_by_user);
