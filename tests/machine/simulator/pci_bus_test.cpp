@@ -97,33 +97,34 @@ TEST_F(PciBus, AnswersWritesAsTheKernelDoes) {
     }
 }
 
-TEST_F(PciBus, ShowsTheClassDevicesOfAFunctionWhileItsOwnDriverHoldsIt) {
+TEST_F(PciBus, ShowsWhatADriverMakesOfAFunctionWhileItHoldsIt) {
     ENTER_MACHINE(machine_);
     const auto controller = machine_.pci(1, 0);
     const std::string uevent = controller.path() + "/uevent";
-    const auto expectClassDevices = [&](bool there) {
+    const auto expectOwnDevices = [&](bool there) {
         for (const std::string& path :
              {std::string("/sys/class/net/eth0"), std::string("/sys/class/tty/ttyS4"),
               std::string("/run/udev/data/n2"), std::string("/sys/dev/char/4:64"), controller.path() + "/net",
-              controller.path() + "/tty/ttyS4"}) {
+              controller.path() + "/tty/ttyS4", std::string("/proc/irq/41/igb")}) {
             EXPECT_EQ(exists(path), there) << path;
         }
     };
-    expectClassDevices(true);
+    expectOwnDevices(true);
     EXPECT_EQ(write(kDrivers + "igb/unbind", "0000:01:00.0"), 0);
-    expectClassDevices(false);
+    expectOwnDevices(false);
     EXPECT_THAT(Machine::read(uevent), StartsWith("PCI_CLASS="));
     EXPECT_EQ(Machine::read(controller.path() + "/enable"), "0\n");
     EXPECT_EQ(controller.config16(4), 0x0002) << "no bus master";
 
     EXPECT_EQ(write(kDrivers + "atemsys_pci/bind", "0000:01:00.0"), 0);
-    expectClassDevices(false);
+    expectOwnDevices(false);
+    EXPECT_TRUE(exists("/proc/irq/41/atemsys_pci"));
     EXPECT_THAT(Machine::read(uevent), StartsWith("DRIVER=atemsys_pci\nPCI_CLASS="));
     EXPECT_EQ(Machine::read(controller.path() + "/enable"), "1\n");
 
     EXPECT_EQ(write(kDrivers + "atemsys_pci/unbind", "0000:01:00.0"), 0);
     EXPECT_EQ(write(kProbe, "0000:01:00.0"), 0);
-    expectClassDevices(true);
+    expectOwnDevices(true);
     EXPECT_THAT(Machine::read(uevent), StartsWith("DRIVER=igb\n"));
     EXPECT_EQ(Machine::read("/sys/class/net/eth0/ifindex"), "2\n");
     EXPECT_TRUE(exists("/sys/class/net/eth1")) << "no driver has made it, none takes it away";
