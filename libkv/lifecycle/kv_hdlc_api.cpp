@@ -82,6 +82,7 @@ FORWARD(kv_hdlc_isFirstModelLoad_v26a, kv_isFirstModelLoad, 0);
 
 // One has more parameters than the table takes, one another result than the function behind it.
 
+static_assert(std::is_same_v<decltype(kv_hdlc_findPciDevice_v19b), decltype(kv_findPciDevice)>);
 int kv_hdlc_findPciDevice_v19b(kv_PCIDevice* pPciInfo, const char* pDevNameStr, uint16_t vendorId,
                                uint16_t deviceId, uint16_t subVendorId, uint16_t subDeviceId, int ModuleId,
                                int Bus, int Slot) {

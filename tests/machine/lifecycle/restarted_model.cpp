@@ -10,6 +10,7 @@
 
 #include <brevane/Logger.h>
 #include <kv/diagnostics.h>
+#include <kv/hdlc.h>
 #include <kv/lifecycle.h>
 #include <kv/memory.h>
 
@@ -43,9 +44,10 @@ struct Action {
 };
 
 constexpr Action kActions[] = {
-    {"init", kv_initModelRun},
+    {"init", kv_hdlc_initModelRun_v21b},
     {"set", kv_setModelInit},
     {"clear", kv_clearModelInit},
+    {"terminate", kv_hdlc_terminateModelRun_v22a},
     {"tag", [] { std::printf("tagged %d\n", kv_tagModelRun()); }},
     {"first", [] { std::printf("first %d\n", kv_isFirstModelLoad()); }},
     {"reason", [] { std::printf("reason %s\n", pKvErrorStr); }},

@@ -8,18 +8,9 @@
 
 #include "support/log_capture.h"
 
-using kv::test::debug;
 using kv::test::error;
 using kv::test::LogCapture;
 using testing::ElementsAre;
-
-// The linker puts this in the place of kv_tagModelRun(), which writes files outside the test's reach.
-extern "C" int __wrap_kv_tagModelRun();  // NOLINT(bugprone-reserved-identifier): the linker's name
-static int tagged = 0;
-int __wrap_kv_tagModelRun() {
-    ++tagged;
-    return 1;
-}
 
 namespace {
 
@@ -61,12 +52,6 @@ TEST(EntryPoints, LeaveWhatTheCurrentFunctionsLeave) {
     const double before = kv_hdlc_getElapsedTime_v19b();
     kv_hdlc_wait_s_v19b(0.002);
     EXPECT_GE(kv_hdlc_getElapsedTime_v19b() - before, 0.002);
-}
-
-TEST(EntryPoints, TagAModelWithoutTellingTheResult) {
-    kv_hdlc_terminateModelRun_v22a();
-    kv_hdlc_terminateModelRun_v22a();
-    EXPECT_EQ(tagged, 2);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -5,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <brevane/Kernel.h>
+#include <brevane/Service.h>
 #include <brevane/start_callbacks.h>
 #include <kv/lifecycle.h>
 
@@ -64,6 +66,13 @@ TEST(StartCallback, ReachesTheKernelWithItsArgumentAndPriority) {
     registerCB_C(say, four, 4);
     EXPECT_EQ(runModel(), "");
     EXPECT_THAT(events, ElementsAre("model", "4", "5", "6"));
+}
+
+TEST(KernelServices, HaveTheNamesThatOthersSeeThemUnder) {
+    const auto none = [] { return std::unique_ptr<brevane::Service>(); };
+    EXPECT_FALSE(brevane::Service::doRegister("KelvaroService", none)) << "taken";
+    EXPECT_FALSE(brevane::Service::doRegister("KelvaroSyncService", none)) << "taken";
+    EXPECT_TRUE(brevane::Service::doRegister("PumpService", none));
 }
 
 TEST(ModelLoad, GoesByTwoNames) {

@@ -63,8 +63,10 @@ TEST_F(BlockSetup, OffsetsTheSampleTimeOnlyWhenItIsInherited) {
     kvMaskInit_initSampleTimesForRegularBlock(&block_, -1.0);
     EXPECT_EQ(sampleTime_, -1.0);
     EXPECT_EQ(offset_, 1.0);
-    kvMaskInit_initSampleTimesForRegularBlock(&block_, -2.0);
-    EXPECT_EQ(offset_, 0.0);
+    for (const double near : {-0.5, -1.5}) {
+        kvMaskInit_initSampleTimesForRegularBlock(&block_, near);
+        EXPECT_EQ(offset_, 0.0) << near;
+    }
     kvMaskInit_initSampleTimesForSetupBlock(&block_);
     EXPECT_EQ(sampleTime_, -1.0);
     EXPECT_EQ(offset_, 1.0);

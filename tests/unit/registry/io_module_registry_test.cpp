@@ -58,7 +58,8 @@ TEST(IoModuleList, FindsTheNewestAtAPlaceAndNoneWithoutAPlace) {
     }
 
     EXPECT_EQ(findAt(2, 3), &newer);
-    EXPECT_EQ(findAt(3, 2), nullptr);
+    EXPECT_EQ(findAt(2, 2), nullptr);
+    EXPECT_EQ(findAt(3, 3), nullptr);
     EXPECT_EQ(findAt(UINT32_MAX, UINT32_MAX), nullptr) << "bus and slot that would read as -1";
 }
 
