@@ -27,3 +27,8 @@ if(KV_SANITIZE)
     add_compile_options(-fsanitize=${KV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${KV_SANITIZE})
 endif()
+
+# A cross linker seeks what libkv.so needs below its sysroot, and not where libkv.so says that it lies.
+if(CMAKE_CROSSCOMPILING)
+    add_link_options(-Wl,-rpath-link,${PROJECT_BINARY_DIR}/brevane)
+endif()
