@@ -38,23 +38,35 @@ std::string_view withoutBlanks(std::string_view text) {
     return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
-int addRange(std::string_view range, CpuSet& set) {
+/** A CPU of a list, where N stands for the last one. */
+int parseCpu(std::string_view text, unsigned cpus, std::uint32_t& cpu) {
+    if (text == "N") {
+        cpu = cpus - 1;
+        return 0;
+    }
+    return parseNumber(text, 10, cpu);
+}
+
+int addRange(std::string_view range, unsigned cpus, CpuSet& set) {
+    if (range == "all") {
+        range = "0-N";
+    }
     const std::size_t dash = range.find('-');
     std::uint32_t first = 0;
     std::uint32_t last = 0;
-    if (const int error = parseNumber(range.substr(0, dash), 10, first)) {
+    if (const int error = parseCpu(range.substr(0, dash), cpus, first)) {
         return error;
     }
     last = first;
     if (dash != std::string_view::npos) {
-        if (const int error = parseNumber(range.substr(dash + 1), 10, last)) {
+        if (const int error = parseCpu(range.substr(dash + 1), cpus, last)) {
             return error;
         }
     }
     if (first > last) {
         return EINVAL;
     }
-    if (last >= set.size()) {
+    if (last >= cpus) {
         return ERANGE;
     }
     for (std::uint32_t cpu = first; cpu <= last; ++cpu) {
@@ -94,12 +106,12 @@ std::string maskText(const CpuSet& set, unsigned cpus) {
     }
 }
 
-int parseList(std::string_view text, CpuSet& set) {
+int parseList(std::string_view text, unsigned cpus, CpuSet& set) {
     constexpr const char* kSeparators = ", \t\n";
     set.reset();
     while (!text.empty()) {
         const std::string_view range = takePart(text, kSeparators);
-        const int error = range.empty() ? 0 : addRange(range, set);
+        const int error = range.empty() ? 0 : addRange(range, cpus, set);
         if (error != 0) {
             return error;
         }
@@ -107,10 +119,10 @@ int parseList(std::string_view text, CpuSet& set) {
     return 0;
 }
 
-int parseMask(std::string_view text, CpuSet& set) {
+int parseMask(std::string_view text, unsigned cpus, CpuSet& set) {
     set.reset();
     text = withoutBlanks(text);
-    if (static_cast<std::size_t>(std::ranges::count(text, ',')) >= set.size() / kGroupCpus) {
+    if (std::ranges::count(text, ',') > (cpus - 1) / kGroupCpus) {
         return EOVERFLOW;
     }
     while (!text.empty()) {
@@ -124,7 +136,7 @@ int parseMask(std::string_view text, CpuSet& set) {
         }
         set = set << kGroupCpus | CpuSet(group);
     }
-    return 0;
+    return (set >> cpus).none() ? 0 : EOVERFLOW;
 }
 
 }  // namespace kvsim

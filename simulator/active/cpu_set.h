@@ -18,9 +18,10 @@ std::string listText(const CpuSet& set);
 std::string maskText(const CpuSet& set, unsigned cpus);
 
 // Both take a text as people write it to a file, with or without a newline.
-// @return 0; EINVAL for what is no such text, ERANGE or EOVERFLOW where it names higher CPUs than a set holds
+// @return 0; EINVAL for what is no such text, ERANGE or EOVERFLOW where it names a CPU that is not
+// among the first so many
 
-int parseList(std::string_view text, CpuSet& set);
-int parseMask(std::string_view text, CpuSet& set);
+int parseList(std::string_view text, unsigned cpus, CpuSet& set);
+int parseMask(std::string_view text, unsigned cpus, CpuSet& set);
 
 }  // namespace kvsim

@@ -10,11 +10,8 @@ namespace {
 class InterruptController : public ActivePart {
  public:
     explicit InterruptController(MachineCore& core) : cpus_(core.description.cpus) {
-        for (unsigned cpu = 0; cpu < cpus_; ++cpu) {
-            online_.set(cpu);
-        }
         for (const auto& [irq, handlers] : interruptHandlers(core.description)) {
-            CpuSet& affinity = affinities_[irq] = online_;
+            CpuSet& affinity = affinities_[irq] = ~CpuSet() >> (kMaxCpus - cpus_);
             const std::string folder = interruptFolder(irq);
             core.files.put(folder + "/smp_affinity_list",
                            std::make_shared<AttributeFile>(
@@ -28,12 +25,12 @@ class InterruptController : public ActivePart {
     }
 
  private:
-    int store(std::string_view text, int (*parse)(std::string_view, CpuSet&), CpuSet& affinity) const {
+    int store(std::string_view text, int (*parse)(std::string_view, unsigned, CpuSet&),
+              CpuSet& affinity) const {
         CpuSet wanted;
-        if (const int error = parse(text, wanted)) {
+        if (const int error = parse(text, cpus_, wanted)) {
             return error;
         }
-        wanted &= online_;
         if (wanted.none()) {
             return EINVAL;
         }
@@ -42,7 +39,6 @@ class InterruptController : public ActivePart {
     }
 
     unsigned cpus_;
-    CpuSet online_;
     std::map<unsigned, CpuSet> affinities_;  // entries stay where they are: files refer to them
 };
 

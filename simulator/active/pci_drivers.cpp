@@ -7,6 +7,7 @@
 
 #include "host/tree_writer.h"
 #include "layout/machine_layout.h"
+#include "layout/soc_layout.h"
 
 namespace kvsim {
 
@@ -49,6 +50,7 @@ void PciDrivers::holdFromStart(Device& device, const std::string& name) {
     Driver& driver = load(name);
     const PciFunction& function = device.slot.function();
     driver.identities.push_back({.vendor = function.vendor, .device = function.device});
+    device.showsHandler = isFirstHandler(function, driver);
     device.driver = &driver;
     if (name == kUioDriver && device.slot.canInterrupt()) {
         makeUioDevice(device);
@@ -184,23 +186,39 @@ int PciDrivers::take(Device& device, const Driver& driver) {
     if (isUio && !slot.canInterrupt()) {
         return ENODEV;
     }
-    slot.enable();
-    const FileTree tree = layOutPciBinding(core_.description, slot.function(), driver.name);
+    const bool showsHandler = isFirstHandler(slot.function(), driver);
+    const FileTree tree = bindingOf(slot.function(), driver, showsHandler);
     removeTree(tree, slot.path());
     writeTree(tree);
+    slot.enable();
     slot.setAttribute("uevent", pciUevent(slot.function(), driver.name));
     device.driver = &driver;
+    device.showsHandler = showsHandler;
     if (isUio) {
         makeUioDevice(device);
     }
     return 0;
 }
 
+bool PciDrivers::isFirstHandler(const PciFunction& function, const Driver& driver) const {
+    return function.irq != 0 && std::ranges::none_of(devices_, [&](const Device& each) {
+               return each.driver == &driver && each.slot.function().irq == function.irq;
+           });
+}
+
+FileTree PciDrivers::bindingOf(const PciFunction& function, const Driver& driver, bool showsHandler) const {
+    FileTree tree = layOutPciBinding(core_.description, function, driver.name);
+    if (showsHandler) {
+        tree.addFolder(interruptFolder(function.irq) + "/" + driver.name);
+    }
+    return tree;
+}
+
 void PciDrivers::release(Device& device) {
     PciSlot& slot = device.slot;
     slot.serveInterrupt(nullptr);
     device.uio.reset();
-    removeTree(layOutPciBinding(core_.description, slot.function(), device.driver->name), slot.path());
+    removeTree(bindingOf(slot.function(), *device.driver, device.showsHandler), slot.path());
     slot.setAttribute("uevent", pciUevent(slot.function(), ""));
     slot.disable();
     device.driver = nullptr;

@@ -43,6 +43,8 @@ class PciDrivers {
         PciSlot& slot;
         const Driver* driver = nullptr;
         std::unique_ptr<UioDevice> uio = {};
+        /** Whether the folder of its handler in /proc/irq is this function's own. */
+        bool showsHandler = false;
     };
 
     static bool covers(std::uint32_t wanted, std::uint32_t value) {
@@ -66,6 +68,11 @@ class PciDrivers {
 
     Device* find(std::string_view text);
     int take(Device& device, const Driver& driver);
+    /** Whether no other function on its line has a handler of the driver's name. */
+    [[nodiscard]] bool isFirstHandler(const PciFunction& function, const Driver& driver) const;
+    /** The files that are there while a driver holds a function. */
+    [[nodiscard]] FileTree bindingOf(const PciFunction& function, const Driver& driver,
+                                     bool showsHandler) const;
     void release(Device& device);
     void makeUioDevice(Device& device);
 

@@ -1,6 +1,8 @@
 #include "active/pci_slot.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/mman.h>
 
@@ -50,15 +52,27 @@ PciSlot::~PciSlot() {
 /* ---- What drivers do ---- */
 
 void PciSlot::enable() {
+    if (changeEnableCount(1) != 1) {
+        return;  // a program has enabled it before
+    }
     const bool hasIo = std::ranges::find(function_.bars, BarSpace::Io, &Bar::space) != function_.bars.end();
     changeCommand(PCI_COMMAND_MEMORY | (hasIo ? PCI_COMMAND_IO : 0U),
                   canInterrupt() ? PCI_COMMAND_INTX_DISABLE : 0);
-    setAttribute("enable", "1\n");
 }
 
 void PciSlot::disable() {
-    changeCommand(0, PCI_COMMAND_MASTER);
-    setAttribute("enable", "0\n");
+    if (changeEnableCount(-1) == 0) {
+        changeCommand(0, PCI_COMMAND_MASTER);
+    }
+}
+
+int PciSlot::changeEnableCount(int change) {
+    const kv::os::UniqueFd file = kv::os::openFile(path_ + "/enable", O_RDONLY | kPlainFilesOnly);
+    std::array<char, 12> text{};
+    (void)!::read(file.get(), text.data(), text.size() - 1);  // counts as 0 where a program has removed it
+    const int count = std::max(std::atoi(text.data()) + change, 0);
+    setAttribute("enable", std::to_string(count) + "\n");
+    return count;
 }
 
 void PciSlot::setAttribute(const char* attribute, const std::string& text) {

@@ -40,6 +40,8 @@ class PciSlot : public BoardSlot {
 
  private:
     void changeCommand(unsigned set, unsigned clear);
+    /** Counts who has enabled the function: its driver, and a program through the file. @return the count */
+    [[nodiscard]] int changeEnableCount(int change);
     void raise();
     void endService();
     void lookAtLine();

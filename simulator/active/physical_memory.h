@@ -15,6 +15,8 @@ namespace kvsim {
 /** The physical memory that boards reach by DMA: the buffers that programs have got. */
 class PhysicalMemory {
  public:
+    virtual ~PhysicalMemory() = default;
+
     /** Adds a buffer whose content is a file's. It overlaps no other. */
     void add(std::uint64_t address, std::uint64_t sizeBytes, kv::os::UniqueFd file);
     /** What a board has mapped of it stays valid for the board. */
@@ -38,7 +40,7 @@ class PhysicalMemory {
     };
 
     /** Empty where the range does not lie in one buffer: a board's access to it goes nowhere. */
-    [[nodiscard]] Span at(std::uint64_t address, std::uint64_t sizeBytes);
+    [[nodiscard]] virtual Span at(std::uint64_t address, std::uint64_t sizeBytes);
 
  private:
     struct Buffer {

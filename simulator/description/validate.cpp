@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <set>
 #include <tuple>
 
@@ -79,6 +80,36 @@ class BarChecks {
     AddressRanges ioRanges_;
 };
 
+/**
+ * What is on a bus and what its bridges forward lie side by side, the memory windows of one bridge too: a
+ * kernel gives up a bridge where they overlap.
+ */
+void checkWindows(const std::vector<PciFunction>& functions) {
+    const PciTopology topology(functions);
+    std::map<unsigned, AddressRanges> buses;
+    for (const PciFunction& function : functions) {
+        AddressRanges& bus = buses[function.bus];
+        const std::string name = pciName(function);
+        const auto addWindow = [&](const char* kind, const std::optional<AddressRange>& window) {
+            if (window) {
+                bus.add(format("the %s window of %s", kind, name.c_str()), window->first,
+                        window->last - window->first + 1, function.position);
+            }
+        };
+        for (const Bar& bar : function.bars) {
+            if (bar.space != BarSpace::Io) {
+                bus.add(format("BAR %u of %s", bar.index, name.c_str()), bar.address, bar.sizeBytes,
+                        bar.position);
+            }
+        }
+        if (function.secondaryBus) {
+            const BridgeWindows windows = topology.windows(function);
+            addWindow("memory", windows.memory);
+            addWindow("prefetchable", windows.prefetchable);
+        }
+    }
+}
+
 void checkFunctionFields(const PciFunction& function) {
     const auto inRange = [&function](const char* what, unsigned value, unsigned first, unsigned last) {
         if (value < first || value > last) {
@@ -139,6 +170,7 @@ void checkPci(const MachineDescription& description) {
         barChecks.check(function);
         checkBoard(function);
     }
+    checkWindows(description.pciFunctions);
     checkPciDrivers(description.pciDrivers);
 }
 

@@ -84,43 +84,82 @@ void release(gpiod_line& line) {
     line.flags = 0;
 }
 
-/** Makes the lines outputs with these values, or inputs where there are none. */
+/** Releases those of the lines that are held, and records it. */
+void releaseHeld(const gpiod_line_bulk& bulk) {
+    gpiod_line_bulk held = GPIOD_LINE_BULK_INITIALIZER;
+    for (gpiod_line* const line : linesOf(bulk)) {
+        if (line->held) {
+            release(*line);
+            gpiod_line_bulk_add(&held, line);
+        }
+    }
+    if (held.num_lines > 0) {
+        (void)record("release", held, nullptr);
+    }
+}
+
+/** Makes a line an output with this value, or an input. */
+bool configure(gpiod_line& line, bool isOutput, int flags, int value) {
+    line.flags = flags;
+    return (!isOutput || setLevel(line, value)) && setDirection(line, isOutput);
+}
+
+/** The same with all lines. Without values, outputs are low. */
 bool configure(const gpiod_line_bulk& bulk, bool isOutput, int flags, const int* values) {
     for (std::size_t i = 0; i < bulk.num_lines; ++i) {
-        gpiod_line& line = *bulk.lines[i];
-        line.flags = flags;
-        if ((isOutput && !setLevel(line, values == nullptr ? 0 : values[i])) ||
-            !setDirection(line, isOutput)) {
+        if (!configure(*bulk.lines[i], isOutput, flags, values == nullptr ? 0 : values[i])) {
             return false;
         }
     }
     return true;
 }
 
+/** A request's name in the history. Null for one of events: no line of these chips has an interrupt. */
+const char* actionOf(int requestType) {
+    switch (requestType) {
+        case GPIOD_LINE_REQUEST_DIRECTION_AS_IS:
+            return "request as-is";
+        case GPIOD_LINE_REQUEST_DIRECTION_INPUT:
+            return "request input";
+        case GPIOD_LINE_REQUEST_DIRECTION_OUTPUT:
+            return "request output";
+        default:
+            return nullptr;
+    }
+}
+
+bool take(gpiod_line& line, const gpiod_line_request_config& config, const std::string& consumer, int value) {
+    if (!hold(line) || !setConsumer(line, consumer)) {
+        return false;
+    }
+    line.flags = config.flags;
+    return config.request_type == GPIOD_LINE_REQUEST_DIRECTION_AS_IS ||
+           configure(line, config.request_type == GPIOD_LINE_REQUEST_DIRECTION_OUTPUT, config.flags, value);
+}
+
+/** Line by line, as the kernel does it: where one can't be had, those before it were driven all the same. */
 bool request(const gpiod_line_bulk& bulk, const gpiod_line_request_config& config, const int* values) {
+    const char* const action = actionOf(config.request_type);
+    if (action == nullptr) {
+        return refuse(ENODEV);
+    }
     const std::string consumer =
         std::string(config.consumer == nullptr ? kNoConsumer : config.consumer).substr(0, kMaxConsumerLength);
-    for (gpiod_line* const line : linesOf(bulk)) {
-        if (!hold(*line) || !setConsumer(*line, consumer)) {
-            return false;
-        }
-        line->flags = config.flags;
+    const std::vector<int> low(bulk.num_lines);
+    const int* const levels = values == nullptr ? low.data() : values;
+
+    gpiod_line_bulk taken = bulk;
+    unsigned& count = taken.num_lines;
+    count = 0;
+    while (count < bulk.num_lines && take(*bulk.lines[count], config, consumer, levels[count])) {
+        ++count;
     }
-    switch (config.request_type) {
-        case GPIOD_LINE_REQUEST_DIRECTION_AS_IS:
-            return record("request as-is", bulk, nullptr, consumer);
-        case GPIOD_LINE_REQUEST_DIRECTION_INPUT:
-            return configure(bulk, false, config.flags, nullptr) &&
-                   record("request input", bulk, nullptr, consumer);
-        case GPIOD_LINE_REQUEST_DIRECTION_OUTPUT: {
-            const std::vector<int> low(bulk.num_lines);
-            const int* const levels = values == nullptr ? low.data() : values;
-            return configure(bulk, true, config.flags, levels) &&
-                   record("request output", bulk, levels, consumer);
-        }
-        default:
-            return refuse(ENODEV);  // no line of these chips has an interrupt
+    const int error = errno;
+    const bool isOutput = config.request_type == GPIOD_LINE_REQUEST_DIRECTION_OUTPUT;
+    if (count > 0 && !record(action, taken, isOutput ? levels : nullptr, consumer)) {
+        return false;
     }
+    return count == bulk.num_lines || refuse(error);
 }
 
 }  // namespace
@@ -135,11 +174,7 @@ int gpiod_line_request_bulk(gpiod_line_bulk* bulk, const gpiod_line_request_conf
     }
     if (!request(*bulk, *config, default_vals)) {
         const int error = errno;
-        for (gpiod_line* const line : linesOf(*bulk)) {
-            if (line->held) {
-                release(*line);
-            }
-        }
+        releaseHeld(*bulk);
         return failWith(error);
     }
     return 0;
@@ -149,12 +184,7 @@ void gpiod_line_release_bulk(gpiod_line_bulk* bulk) {
     if (!isOneChip(*bulk)) {
         return;
     }
-    for (gpiod_line* const line : linesOf(*bulk)) {
-        if (line->held) {
-            release(*line);
-        }
-    }
-    (void)record("release", *bulk, nullptr);
+    releaseHeld(*bulk);
 }
 
 int gpiod_line_get_value_bulk(gpiod_line_bulk* bulk, int* values) {

@@ -43,8 +43,8 @@ std::string pciDriverPath(const std::string& driver);
 std::string pciUevent(const PciFunction& function, const std::string& driver);
 
 /**
- * What is on the machine while a driver holds a function: the links between them, the handler of the
- * interrupt, and where it is the driver of the description, the function's class devices.
+ * What is on the machine while a driver holds a function: the links between them, and where it is the driver
+ * of the description, the function's class devices.
  */
 FileTree layOutPciBinding(const MachineDescription& description, const PciFunction& function,
                           const std::string& driver);

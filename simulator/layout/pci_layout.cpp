@@ -9,7 +9,6 @@ extern "C" {
 #include "layout/format.h"
 #include "layout/machine_layout.h"
 #include "layout/pci_topology.h"
-#include "layout/soc_layout.h"
 
 namespace kvsim {
 
@@ -159,9 +158,6 @@ FileTree layOutPciBinding(const MachineDescription& description, const PciFuncti
     const PciTopology topology(description.pciFunctions);
     FileTree tree;
     addDriverLinks(function, pciDevicePath(function, topology), driver, tree);
-    if (function.irq != 0) {
-        tree.addFolder(interruptFolder(function.irq) + "/" + driver);
-    }
     if (driver != pciDriverOf(function)) {
         return tree;
     }

@@ -21,7 +21,7 @@ class Lookup : public kv::test::PciMachine {
         addBridge(0, 1, 3);
         addBridge(0, 2, 4);
         addBridge(0, 3, 5);
-        addBoard(5, 2).subsystem(0x1111, 0x0002).bar(0, 0xA0010000, 0x1000);
+        addBoard(5, 2).subsystem(0x1111, 0x0002).bar(0, 0xA0200000, 0x1000);
         addBoard(4, 0, 0x0999);
         addBoard(3, 7)
             .subsystem(0x1111, 0x0001)

@@ -1,5 +1,7 @@
 #include <climits>
 #include <fcntl.h>
+#include <gpiod.h>
+#include <memory>
 
 #include "serial_machine.h"
 #include "support/shell.h"
@@ -124,6 +126,27 @@ TEST_F(SerialPorts, WithoutTheirGpioLinesTellWhatIsMissing) {
     EXPECT_EQ(log_.take().back(),
               error("[port 2] GPIO lines of gpiochip1 not available: No such file or directory"));
     EXPECT_EQ(takeHistory(), "");
+}
+
+TEST_F(SerialPorts, LoseTheRaceForALineAfterThoseBeforeItWereDriven) {
+    addOnboardPorts();
+    addTransmitLines();
+    ENTER_MACHINE(machine_);
+    ASSERT_GE(kv_serial_device_open(2), 0);
+    const std::unique_ptr<gpiod_chip, decltype(&gpiod_chip_close)> chip(gpiod_chip_open_by_name("gpiochip1"),
+                                                                        gpiod_chip_close);
+    gpiod_line_bulk line = GPIOD_LINE_BULK_INITIALIZER;
+    gpiod_line_bulk_add(&line, gpiod_chip_get_line(chip.get(), 10));
+    const gpiod_line_request_config config = {
+        .consumer = "someone_else", .request_type = GPIOD_LINE_REQUEST_DIRECTION_AS_IS, .flags = 0};
+    ASSERT_EQ(gpiod_line_request_bulk(&line, &config, nullptr), 0);
+    takeHistory();
+
+    EXPECT_EQ(kv_serial_device_set_mode(2, 2), -1);
+    EXPECT_EQ(log_.take().back(),
+              error("[port 2] GPIO lines of gpiochip1 not available: Device or resource busy"));
+    EXPECT_EQ(takeHistory(), "request output 8=1 onboard_serial\nrelease 8\n");
+    EXPECT_EQ(levels(), "0100000001");
 }
 
 TEST_F(SerialPorts, SwitchTheirTransceivers) {

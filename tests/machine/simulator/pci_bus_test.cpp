@@ -130,6 +130,35 @@ TEST_F(PciBus, ShowsWhatADriverMakesOfAFunctionWhileItHoldsIt) {
     EXPECT_TRUE(exists("/sys/class/net/eth1")) << "no driver has made it, none takes it away";
 }
 
+TEST_F(PciBus, CountsWhoHasEnabledAFunction) {
+    ENTER_MACHINE(machine_);
+    const auto board = machine_.pci(1, 2);
+    const std::string enable = board.path() + "/enable";
+    EXPECT_EQ(write(enable, "1"), 0);
+    board.setConfig16(4, 0x0406);
+    EXPECT_EQ(write(kDrivers + "uio_kelvaro/new_id", "1b5a 0100"), 0);
+    EXPECT_EQ(Machine::read(enable), "2\n");
+    EXPECT_EQ(board.config16(4), 0x0406) << "enabled already: the kernel leaves the register alone";
+    EXPECT_EQ(write(kDrivers + "uio_kelvaro/unbind", "0000:01:02.0"), 0);
+    EXPECT_EQ(Machine::read(enable), "1\n");
+    EXPECT_EQ(board.config16(4), 0x0406) << "and in use";
+}
+
+TEST_F(PciBus, ShowsTheFirstHandlerOfANameOnALine) {
+    for (const std::uint8_t slot : {std::uint8_t{5}, std::uint8_t{6}}) {
+        machine_.addPciFunction({.bus = 1, .slot = slot, .vendor = 0x1b5a, .device = 0x0200, .irq = 44});
+    }
+    ENTER_MACHINE(machine_);
+    const std::string handler = "/proc/irq/44/uio_kelvaro";
+    EXPECT_EQ(write(kDrivers + "uio_kelvaro/new_id", "1b5a 0200"), 0);
+    EXPECT_TRUE(exists(handler));
+    EXPECT_EQ(write(kDrivers + "uio_kelvaro/unbind", "0000:01:06.0"), 0);
+    EXPECT_TRUE(exists(handler));
+    EXPECT_EQ(write(kDrivers + "uio_kelvaro/bind", "0000:01:06.0"), 0);
+    EXPECT_EQ(write(kDrivers + "uio_kelvaro/unbind", "0000:01:05.0"), 0);
+    EXPECT_FALSE(exists(handler)) << "though the other's is there still";
+}
+
 TEST_F(PciBus, GivesUioDevicesTheLowestFreeNumbers) {
     ENTER_MACHINE(machine_);
     EXPECT_EQ(write(kDrivers + "uio_kelvaro/new_id", "1b5a 0100"), 0);

@@ -96,20 +96,20 @@ TEST_F(SocOfTheMachine, LetsProgramsChooseWhichCpusServeAnInterrupt) {
         const char* text;
         const char* list;
         const char* mask;
-    } taken[] = {{list, "1\n", "1\n", "2\n"},
-                 {list, "0-1,3", "0-1,3\n", "b\n"},
-                 {list, "3,9\n", "3\n", "8\n"},
-                 {mask, "6\n", "1-2\n", "6\n"},
-                 {mask, "ff,00000001", "0\n", "1\n"}};
+    } taken[] = {{list, "1\n", "1\n", "2\n"},         {list, "0-1,3", "0-1,3\n", "b\n"},
+                 {list, "0,2-N\n", "0,2-3\n", "d\n"}, {list, "all", "0-3\n", "f\n"},
+                 {mask, "6\n", "1-2\n", "6\n"},       {mask, "00000001", "0\n", "1\n"}};
     for (const auto& each : taken) {
         EXPECT_EQ(store(each.path, each.text), 0) << each.text;
         EXPECT_EQ(Machine::read(list), each.list) << each.text;
         EXPECT_EQ(Machine::read(mask), each.mask) << each.text;
     }
     EXPECT_EQ(store(list, "\n"), EINVAL);
-    EXPECT_EQ(store(list, "4-7\n"), EINVAL) << "no CPU of the machine";
+    EXPECT_EQ(store(list, "4\n"), ERANGE) << "no CPU of the machine";
+    EXPECT_EQ(store(list, "2-9\n"), ERANGE);
     EXPECT_EQ(store(list, "all of them\n"), EINVAL);
-    EXPECT_EQ(store(mask, "10\n"), EINVAL);
+    EXPECT_EQ(store(mask, "10\n"), EOVERFLOW);
+    EXPECT_EQ(store(mask, "0,00000001\n"), EOVERFLOW);
     EXPECT_EQ(Machine::read(list), "0\n");
     EXPECT_EQ(Machine::read("/proc/irq/40/smp_affinity_list"), "0-3\n");
 }

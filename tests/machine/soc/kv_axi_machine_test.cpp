@@ -68,7 +68,7 @@ TEST_F(Fabric, LetsItsInterruptsBeBoundToOneProcessor) {
     EXPECT_EQ(Machine::read("/proc/irq/89/smp_affinity_list"), "0-3\n") << "the other one's";
 
     EXPECT_EQ(kv_setAxiIrqAffinity("encoder", 4), -1) << "no such processor";
-    EXPECT_STREQ(pKvErrorStr, "Failed to set IRQ 90 affinity to CPU 4: Invalid argument");
+    EXPECT_STREQ(pKvErrorStr, "Failed to set IRQ 90 affinity to CPU 4: Numerical result out of range");
     EXPECT_EQ(Machine::read(list), "2\n");
 
     EXPECT_EQ(kv_setAxiIrqAffinity("encoder", 1), 0);

@@ -81,6 +81,23 @@ const Impossible kImpossible[] = {
     {"OverlapFromBelow",
      [](Machine& m) { board(m, 1).bar(0, 0x2F000, 0x1000), board(m, 2).bar(0, 0x20000, 0x10000); },
      "BAR 0 of 0000:00:02.0 at 0x20000 overlaps BAR 0 of 0000:00:01.0 at 0x2f000"},
+    {"WindowsOfABridgeInOneAnother",
+     [](Machine& m) {
+         m.addBridge({.slot = 1}, 2);
+         m.addPciFunction({.bus = 2, .vendor = 1})
+             .bar(0, 0x10000000, 0x1000)
+             .bar(1, 0x10100000, 0x1000, BarSpace::PrefetchableMemory)
+             .bar(2, 0x10200000, 0x1000);
+     },
+     "the prefetchable window of 0000:00:01.0 at 0x10100000 overlaps the memory window of 0000:00:01.0 at "
+     "0x10000000"},
+    {"WindowOverABoardInFrontOfTheBridge",
+     [](Machine& m) {
+         board(m, 1).bar(0, 0x10000000, 0x1000);
+         m.addBridge({.slot = 2}, 2);
+         m.addPciFunction({.bus = 2, .vendor = 1}).bar(0, 0x10080000, 0x1000);
+     },
+     "the memory window of 0000:00:02.0 at 0x10000000 overlaps BAR 0 of 0000:00:01.0 at 0x10000000"},
     {"AxiDeviceTwice", [](Machine& m) { axi(m, "pwm"), axi(m, "pwm"); },
      "there are two AXI devices named pwm"},
     {"AxiDeviceOfTwoWords", [](Machine& m) { axi(m, "pwm 2"); },
