@@ -23,3 +23,11 @@ foreach(file kv.pc brevane.pc)
     configure_file(cmake/${file}.in ${PROJECT_BINARY_DIR}/${file} @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/${file} DESTINATION ${pkgconfig})
 endforeach()
+
+configure_file(docs/man/kvsim.1.in ${PROJECT_BINARY_DIR}/man/kvsim.1 @ONLY)
+configure_file(docs/man/kvctl.1 ${PROJECT_BINARY_DIR}/man/kvctl.1 COPYONLY)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+foreach(tool kvctl kvsim)
+    install(FILES tools/completion/${tool}.bash RENAME ${tool}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+endforeach()

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "active/active_machine.h"
+#include "host/installation.h"
 #include "host/machine_server.h"
 #include "host/private_mounts.h"
 #include "host/tree_writer.h"
@@ -178,7 +179,8 @@ void Machine::enter() {
         server->serve();
     }
     prepend(kCommandFolder, "PATH", kDefaultPath);
-    prepend(KVSIM_LIBRARIES, "LD_LIBRARY_PATH", "");
+    prepend((installationPrefix() / KVSIM_INSTALLED_LIBRARIES).string() + KVSIM_BUILT_LIBRARIES,
+            "LD_LIBRARY_PATH", "");
     // sd-device believes that a /sys which is not the kernel's is none.
     ::setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);
 }

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <set>
 
+#include "host/installation.h"
 #include "kvsim/description_reader.h"
 
 namespace kvsim {
@@ -30,7 +31,8 @@ std::vector<fs::path> machineFolders() {
     std::vector<fs::path> folders;
     const char* const ownFolders = std::getenv("KVSIM_MACHINES");
     addFolders(ownFolders == nullptr ? "" : ownFolders, folders);
-    addFolders(KVSIM_DEFAULT_MACHINES, folders);
+    addFolders(installationPrefix() / KVSIM_INSTALLED_MACHINES, folders);
+    addFolders(KVSIM_BUILT_MACHINES, folders);
     return folders;
 }
 

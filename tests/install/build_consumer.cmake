@@ -26,6 +26,14 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
 run(${prefix}/bin/kvctl --help)
+run(${prefix}/bin/kvsim check ember)
+if(NOT output MATCHES "^${prefix}/share/kvsim/machines/ember.yaml: ")
+    message(FATAL_ERROR "kvsim does not find the machine that is installed with it:\n${output}")
+endif()
+foreach(tool kvctl kvsim)
+    run(bash -n ${prefix}/share/bash-completion/completions/${tool})
+    run(man --local-file ${prefix}/share/man/man1/${tool}.1)
+endforeach()
 
 run(${CMAKE_COMMAND} -S ${CONSUMER} -B ${work}/package -G ${GENERATOR} -DCMAKE_CXX_COMPILER=${CXX}
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF)
