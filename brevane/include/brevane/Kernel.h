@@ -21,6 +21,7 @@ struct Trigger {
 
 /** What generated code hands to the kernel: the entry points of one model. Only step is required. */
 struct Model {
+    /** For log records and the report. */
     std::string name;
     /** The time between two steps. Of no effect on a model that has a trigger. */
     std::chrono::nanoseconds basePeriod{std::chrono::milliseconds(1)};
@@ -66,6 +67,7 @@ struct Model {
 struct LatencyBucket {
     /** The longest latency that is counted here; the shortest is the one above the bucket before. */
     std::chrono::nanoseconds upTo;
+    /** How many steps were that late. */
     std::uint64_t steps;
 };
 
@@ -75,6 +77,7 @@ struct RunReport {
     std::string model;
     /** Whether a trigger drove the base rate, and not the clock. */
     bool triggered = false;
+    /** Steps taken. */
     std::uint64_t steps = 0;
     /**
      * Steps that were still running when the next base period began; of a triggered model, those after which
@@ -89,11 +92,12 @@ struct RunReport {
      * fired. All but the maximum are within 4 %.
      */
     std::chrono::nanoseconds medianLatency{0};
-    std::chrono::nanoseconds percentile99Latency{0};
-    std::chrono::nanoseconds percentile999Latency{0};
-    std::chrono::nanoseconds maxLatency{0};
+    std::chrono::nanoseconds percentile99Latency{0};  /**< 99 % of the steps began no later */
+    std::chrono::nanoseconds percentile999Latency{0}; /**< 99.9 % of the steps began no later */
+    std::chrono::nanoseconds maxLatency{0};           /**< the latest step, exactly */
     /** The histogram of these, in ascending order, without the empty buckets. */
     std::vector<LatencyBucket> latency;
+    /** The longest time that a step took. */
     std::chrono::nanoseconds maxStepTime{0};
     /** False where the rights for SCHED_FIFO were missing, or the run failed before its first step. */
     bool realTime = false;
@@ -125,6 +129,7 @@ class BREVANE_EXPORT Kernel {
      */
     static constexpr int kBaseRatePriority = 80;
 
+    /** Keeps a copy of the model; nothing of it is called before run(). */
     explicit Kernel(Model model);
 
     /**
@@ -134,8 +139,8 @@ class BREVANE_EXPORT Kernel {
     void setStopTime(std::chrono::nanoseconds stopTime);
 
     /**
-     * Runs the model to its end and terminates it. A process runs one model at a time, and an instance runs
-     * once; anything else is reported as an error, and nothing runs.
+     * Runs the model to its end, which is how long it blocks, and terminates it. A process runs one model at
+     * a time, and an instance runs once; anything else is reported as an error, and nothing runs.
      *
      * SIGINT and SIGTERM end the run as stop() does, and SIGPIPE does nothing, so that a log reader that goes
      * away doesn't end the model; the former handlers are put back afterwards.

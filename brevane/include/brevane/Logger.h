@@ -10,6 +10,7 @@ namespace brevane {
 /** The kernel's log: one severity-and-channel logger that the whole process writes through. */
 class BREVANE_EXPORT Logger {
  public:
+    /** Records carry a severity and a channel, 0 for those of the kernel and the library. */
     using LoggerType =
         boost::log::sources::severity_channel_logger_mt<boost::log::trivial::severity_level, int>;
 

@@ -18,11 +18,15 @@ namespace brevane {
  */
 class BREVANE_EXPORT Service {
  public:
+    /** Makes one service. Null is no service and fails the run. */
     using Factory = std::unique_ptr<Service> (*)();
 
     virtual ~Service();
+    /** Before the model's own initialisation. */
     virtual void initialize() = 0;
+    /** After it, before the start callbacks and the first step. */
     virtual void start() = 0;
+    /** After the last step, before the model terminates. */
     virtual void stop() = 0;
 
     /**

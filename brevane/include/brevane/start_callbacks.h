@@ -10,7 +10,7 @@ extern "C" {
  *
  * Callbacks run in ascending order of @p priority, those of equal priority in order of registration. May be
  * called from any thread; a callback that is registered while the callbacks run waits for the next start. A
- * null callback is ignored.
+ * null callback is ignored. @p argument stays the caller's and must be there as long as the model may start.
  */
 BREVANE_EXPORT void registerCB_C(void (*callback)(void*), void* argument, int priority);
 }

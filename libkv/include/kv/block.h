@@ -26,14 +26,17 @@
 
 KV_BEGIN_DECLS
 
-/* ---- Setting up ---- */
+/**
+ * @name Setting up
+ * @{
+ */
 
 /** What a block asks for. Lengths count elements. */
 typedef struct {
-    int numberOfParams; /**< dialog parameters that the block expects */
-    int integerWorkVecLength;
-    int realWorkVecLength;
-    int pointerWorkVecLength;
+    int numberOfParams;       /**< dialog parameters that the block expects */
+    int integerWorkVecLength; /**< of the work vector of integers */
+    int realWorkVecLength;    /**< of reals */
+    int pointerWorkVecLength; /**< of pointers */
 } KvMaskInit_SetupSettingsArgs;
 
 /**
@@ -99,9 +102,13 @@ KV_EXPORT int kvMaskInit_initSizesForSetupBlock(KvBlockDescriptor* block, KvMask
 KV_EXPORT int kvMaskInit_initSizesForRegularBlock(KvBlockDescriptor* block,
                                                   KvMaskInit_SetupSettingsArgs* args);
 
-/* ---- Dialog parameters of one value ----
+/** @} */
+
+/**
+ * @name Dialog parameters of one value
  *
  * All read the first value of parameter i, counted from 0, whatever its rows and columns.
+ * @{
  */
 
 /** @return the value as an int */
@@ -116,7 +123,10 @@ KV_EXPORT double kvParam_getDouble(const KvBlockDescriptor* block, int i);
 /** @return the low 8 bits of the value as a 32-bit unsigned integer: 0 for a negative value, 1 for 257 */
 KV_EXPORT char kvParam_getChar(const KvBlockDescriptor* block, int i);
 
-/* ---- Dialog parameters of several values ----
+/** @} */
+
+/**
+ * @name Dialog parameters of several values
  *
  * A vector has the values of parameter i in stored order, each converted as by the function for one value.
  * Its length is rows times columns, each as a 32-bit unsigned integer; the product is cut to 32 bits and read
@@ -126,32 +136,40 @@ KV_EXPORT char kvParam_getChar(const KvBlockDescriptor* block, int i);
  * its val from new[]; val is never null. Where memory is exhausted the functions throw std::bad_alloc, and
  * more exactly std::bad_array_new_length where it is the array that there is no room for. Nothing is leaked
  * then.
+ * @{
  */
 
+/** Integers. */
 typedef struct {
-    int* val;
-    int len; /**< elements */
+    int* val; /**< the values */
+    int len;  /**< elements */
 } KvParam_IntVec;
 
+/** Truth values. */
 typedef struct {
-    bool* val;
-    int len; /**< elements */
+    bool* val; /**< the values */
+    int len;   /**< elements */
 } KvParam_BoolVec;
 
+/** Reals. */
 typedef struct {
-    double* val;
-    int len; /**< elements */
+    double* val; /**< the values */
+    int len;     /**< elements */
 } KvParam_DoubleVec;
 
 /** Characters without a terminator. */
 typedef struct {
-    char* val;
-    int len; /**< elements */
+    char* val; /**< the values */
+    int len;   /**< elements */
 } KvParam_CharVec;
 
+/** @return the values as kvParam_getInt() converts them */
 KV_EXPORT KvParam_IntVec* kvParam_newIntVec(const KvBlockDescriptor* block, int i);
+/** @return the values as kvParam_getBool() converts them */
 KV_EXPORT KvParam_BoolVec* kvParam_newBoolVec(const KvBlockDescriptor* block, int i);
+/** @return the values as they are */
 KV_EXPORT KvParam_DoubleVec* kvParam_newDoubleVec(const KvBlockDescriptor* block, int i);
+/** @return the values as kvParam_getChar() converts them */
 KV_EXPORT KvParam_CharVec* kvParam_newCharVec(const KvBlockDescriptor* block, int i);
 
 /** Frees a vector and its elements. A null pointer is ignored, for the vector as for its val. */
@@ -162,6 +180,8 @@ KV_EXPORT void kvParam_deleteBoolVec(KvParam_BoolVec* vector);
 KV_EXPORT void kvParam_deleteDoubleVec(KvParam_DoubleVec* vector);
 /** See kvParam_deleteIntVec(). */
 KV_EXPORT void kvParam_deleteCharVec(KvParam_CharVec* vector);
+
+/** @} */
 
 KV_END_DECLS
 

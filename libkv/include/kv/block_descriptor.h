@@ -25,9 +25,9 @@
 
 #include <stdint.h>
 
-typedef double real_T;
-typedef int int_T;
-typedef uint32_t uint32_T;
+typedef double real_T;     /**< a real number of the code generator */
+typedef int int_T;         /**< an integer of the code generator */
+typedef uint32_t uint32_T; /**< 32 unsigned bits of the code generator */
 
 /** One input port. */
 typedef struct KvBlockInputPort {
@@ -35,7 +35,7 @@ typedef struct KvBlockInputPort {
     int_T directFeedThrough; /**< 1 when the outputs of a step depend on its inputs */
     struct {
         unsigned int contiguity : 1; /**< the port's signals must lie in one array */
-    } attributes;
+    } attributes;                    /**< how the signals must lie in memory */
 } KvBlockInputPort;
 
 /** One output port. */
@@ -45,31 +45,35 @@ typedef struct KvBlockOutputPort {
 
 /** One block. All arrays belong to the code generator. */
 typedef struct KvBlockDescriptor {
+    /** When the block runs. */
     struct {
         real_T* sampleTimes; /**< s; -1 is inherited */
         real_T* offsetTimes; /**< s */
     } stInfo;
+    /** How much of everything it has. */
     struct {
-        int_T numContStates;
-        int_T numDiscStates;
-        int_T out; /**< output ports */
-        int_T in;  /**< input ports */
-        int_T numSampleTimes;
-        int_T numSFcnParams; /**< dialog parameters that the block expects */
-        int_T numIWork;      /**< length of the work vector of integers */
-        int_T numRWork;      /**< of reals */
-        int_T numPWork;      /**< of pointers */
-        int_T numNonsampledZCs;
-        int_T numModes;
-        uint32_T options; /**< option bits of the code generator */
+        int_T numContStates;    /**< continuous states */
+        int_T numDiscStates;    /**< discrete states */
+        int_T out;              /**< output ports */
+        int_T in;               /**< input ports */
+        int_T numSampleTimes;   /**< sample times */
+        int_T numSFcnParams;    /**< dialog parameters that the block expects */
+        int_T numIWork;         /**< length of the work vector of integers */
+        int_T numRWork;         /**< of reals */
+        int_T numPWork;         /**< of pointers */
+        int_T numNonsampledZCs; /**< zero crossings */
+        int_T numModes;         /**< modes */
+        uint32_T options;       /**< option bits of the code generator */
     } sizes;
+    /** Its dialog parameters. */
     struct {
         int_T dlgNum;       /**< dialog parameters that were given */
         double** dlgParams; /**< each: rows, columns, then the values */
     } sfcnParams;
+    /** Its ports. */
     struct {
-        KvBlockInputPort* inputs;
-        KvBlockOutputPort* outputs;
+        KvBlockInputPort* inputs;   /**< sizes.in of them */
+        KvBlockOutputPort* outputs; /**< sizes.out of them */
     } portInfo;
 } KvBlockDescriptor;
 

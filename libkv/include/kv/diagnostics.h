@@ -4,8 +4,8 @@
  *
  * kv_printf(), kv_log() and kv::utils::formatString() may be called from any thread, real-time threads
  * included, but are not meant for the per-step path of a model: they allocate, and block on the kernel's log
- * sinks or on the file. A KvError belongs to one block and is not locked; pKvErrorStr is one unlocked buffer
- * for the whole process.
+ * sinks or on the file. A KvError belongs to one block and is not locked; its functions block on nothing but
+ * the memory allocator. pKvErrorStr is one unlocked buffer for the whole process.
  */
 #ifndef KV_DIAGNOSTICS_H
 #define KV_DIAGNOSTICS_H

@@ -13,7 +13,9 @@
     __attribute__((format(printf, formatPosition, firstArgumentPosition)))
 
 #ifdef __cplusplus
+/** Stands before declarations that C and C++ share: gives them C linkage. */
 #define KV_BEGIN_DECLS extern "C" {
+/** Stands behind them. */
 #define KV_END_DECLS }
 #else
 #define KV_BEGIN_DECLS

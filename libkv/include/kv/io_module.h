@@ -51,23 +51,29 @@ class KV_EXPORT IoModule {
     /** A module without type, id 0. */
     IoModule();
 
+    /** A module whose board is not known yet. */
     IoModule(ModuleTypes type, int id);
 
     ~IoModule();  // NOLINT(performance-trivially-destructible): drivers link to it
 
+    /** Sets the module's type. */
     void setType(ModuleTypes type);
+    /** @return the type */
     ModuleTypes getType() const;
 
     /** Sets the module's id within its type. */
     void setId(int id);
+    /** @return the id */
     int getId() const;
 
     /** Sets the board's position for kv_findPciDeviceMultiIDs(), counted from 1; 0 until set. */
     void setPciAutosearchPos(int pciAutosearchPos);
+    /** @return the position */
     int getPciAutosearchPos() const;
 
     /** Sets the place of the module's board as (bus, slot); (-1, -1) until known. */
     void setPciInfo(std::pair<int, int> pciInfo);
+    /** @return (bus, slot) */
     std::pair<int, int> getPciInfo() const;
 
  private:

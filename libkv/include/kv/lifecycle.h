@@ -12,20 +12,21 @@
 
 KV_BEGIN_DECLS
 
-/* ---- First run of a model ----------------------------------------------------------------------------
+/**
+ * @name First run of a model
  *
- * A model is the executable <app>/bin/<name>; the first line of <app>/misc/UUID, up to 199 characters,
- * identifies it. At exit that line is copied to /tmp/kelvaro/model_uuid. A start that finds its own line
- * there is a model run: the same model has run since the machine started. Every other start is a model load,
- * also when either file cannot be read, and frees persistent memory. What the files held at the first check
- * holds for the process.
+ * A model is the executable APP/bin/NAME; the first line of APP/misc/UUID, up to 199 characters, identifies
+ * it. At exit that line is copied to /tmp/kelvaro/model_uuid. A start that finds its own line there is a
+ * model run: the same model has run since the machine started. Every other start is a model load, also when
+ * either file cannot be read, and frees persistent memory. What the files held at the first check holds for
+ * the process.
+ * @{
  */
 
 /**
  * Decides between model load and model run unless that is decided, frees persistent memory on a load that it
- * finds, and registers
- * kv_tagModelAtExit() with atexit(). Call it once, before persistent memory is used; a further call only
- * registers again, which is harmless.
+ * finds, and registers kv_tagModelAtExit() with atexit(). Call it once, before persistent memory is used; a
+ * further call only registers again, which is harmless.
  */
 KV_EXPORT void kv_checkModelInit(void);
 
@@ -57,10 +58,14 @@ KV_EXPORT int kv_tagModelRun(void);
 /** Calls kv_tagModelRun(); for atexit(). */
 KV_EXPORT void kv_tagModelAtExit(void);
 
-/* ---- Early initialisation ----------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @name Early initialisation
  *
  * One function of the model that runs when the kernel initialises its services, which is before the model's
  * own initialisation, on the thread that runs the model.
+ * @{
  */
 
 /** Registers the function. A later call replaces it; null takes it back. */
@@ -79,23 +84,31 @@ KV_EXPORT void kv_early_init_set_blkInfo2(void* blkInfo2);
 /** @return the pointer that was kept last, null before */
 KV_EXPORT void* kv_early_init_get_blkInfo2(void);
 
-/* ---- Start and exit ---------------------------------------------------------------------------------- */
+/** @} */
+
+/**
+ * @name Start and exit
+ * @{
+ */
 
 /**
  * Registers a callback that the kernel calls at each start of the model, before the first step. Callbacks run
- * in ascending order of priority, those of equal priority in order of registration.
+ * in ascending order of priority, those of equal priority in order of registration. @p argument stays the
+ * caller's and must be there as long as the model may start.
  */
 KV_EXPORT void kv_add_start_callback(void (*callback)(void*), void* argument, int priority);
 
 /**
  * Registers a handler that runs when the process exits. Handlers run in order of registration, unlike those
  * of atexit(), among which they take the place of the first; one that is added by a handler runs last. Ends
- * the process (SIGABRT) when memory is exhausted.
+ * the process (SIGABRT) when memory is exhausted. @p argument stays the caller's.
  */
 KV_EXPORT void kv_add_exit_handler(void (*handler)(void*), void* argument);
 
 /** Runs the exit handlers, each of them once; for atexit(). */
 KV_EXPORT void kv_exit_handler(void);
+
+/** @} */
 
 KV_END_DECLS
 

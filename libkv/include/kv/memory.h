@@ -15,19 +15,22 @@
 
 KV_BEGIN_DECLS
 
-/* ---- Persistent memory ------------------------------------------------------------------------------
+/**
+ * @name Persistent memory
  *
  * Named blocks of memory that outlive the process. A model that is started again finds each block by its
  * name, with its content and at its old address, so pointers into persistent memory stay valid. The blocks
  * last until kv_freePersistentMemory() or until the machine restarts.
  *
  * A block is a POSIX shared-memory object of the block's name; the object "/kv_persMem_main" lists all
- * blocks. The first call of a process attaches every block. When one of them cannot be attached, because its
- * object is damaged or because its address is occupied, none is available, and none is lost: each further
- * call tries again, and kv_freePersistentMemory() gives them up.
+ * blocks. The functions block on shm_open(3), ftruncate(2) and mmap(2). The first call of a process attaches
+ * every block. When one of them cannot be attached, because its object is damaged or because its address is
+ * occupied, none is available, and none is lost: each further call tries again, and kv_freePersistentMemory()
+ * gives them up.
  *
  * One process at a time uses persistent memory. A process may be killed at any moment: a block that it has
  * handed out is found again whole, a half-made one is not found. Reasons of failures go to the log.
+ * @{
  */
 
 /**
@@ -55,7 +58,10 @@ KV_EXPORT void* kv_getPersistentMemory(const char* name);
  */
 KV_EXPORT void kv_freePersistentMemory(void);
 
-/* ---- Physical memory --------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @name Physical memory
  *
  * Physically contiguous memory for DMA. It comes from one of two pools:
  *
@@ -66,6 +72,7 @@ KV_EXPORT void kv_freePersistentMemory(void);
  * The kernel's devices of uncached buffers outlive the process: what is not freed stays until the next
  * process asks for its first uncached buffer, which removes them all. So one process at a time uses them.
  * All functions block on the kernel's files; reasons of failures go to the log.
+ * @{
  */
 
 /** Allocates nothing: models built for other platforms call it. @return null, with a log record */
@@ -104,11 +111,17 @@ KV_EXPORT void kv_freePhysicalMemory(void* ptr);
  * them; without them the kernel shows frame 0 for every page. May be called from any thread.
  *
  * @return its physical address at this moment: only DMA memory and locked pages stay where they are. Just
- *         the offset within the page where nothing is mapped; 0 when the page map cannot be read.
+ *         the offset within the page where nothing is mapped, and of registers, which the page map leaves
+ *         out; 0 when it cannot be read.
  */
 KV_EXPORT uintptr_t kv_getPhysicalBufferAddr(void* virtualAddress);
 
-/* ---- The two pools, by themselves: the kernel's u-dma-buf driver -------------------------------------- */
+/** @} */
+
+/**
+ * @name The two pools, by themselves: the kernel's u-dma-buf driver
+ * @{
+ */
 
 /** One uncached buffer. Made by kv_udmabuf_allocBuffer(); the caller owns it. */
 typedef struct kv_udmabuf_Handle {
@@ -170,6 +183,8 @@ KV_EXPORT void kv_udmabuf_printCachedMemoryBuffers(void);
  *         std::filesystem::filesystem_error when that cannot be told.
  */
 KV_EXPORT int kv_udmabuf_areCacheCoherentBuffersAvailable(void);
+
+/** @} */
 
 KV_END_DECLS
 

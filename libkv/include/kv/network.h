@@ -26,7 +26,10 @@
 
 KV_BEGIN_DECLS
 
-/* ---- Connectors ---- */
+/**
+ * @name Connectors
+ * @{
+ */
 
 /**
  * Writes the translation file, and its folder where there is none. Two I/O modules, NMJ and NMK, have no
@@ -49,11 +52,15 @@ KV_EXPORT int kv_translateEthernetInterfaces(void);
  */
 KV_EXPORT int kv_target_getHostLinkMac(unsigned char* outMac);
 
-/* ---- EtherCAT ----
+/** @} */
+
+/**
+ * @name EtherCAT
  *
  * An EtherCAT master drives a controller through the kernel driver atemsys_pci. While that driver holds the
  * controller it has no network interface: write the translation file before. The controller is function 0 of
  * its bus and slot.
+ * @{
  */
 
 /**
@@ -71,6 +78,8 @@ KV_EXPORT int kv_configureEthercat(unsigned int absIndex);
  * PCI cannot be accessed or the driver does not let go of the controller
  */
 KV_EXPORT int kv_teardownEthercat(unsigned int absIndex);
+
+/** @} */
 
 KV_END_DECLS
 

@@ -38,22 +38,22 @@ typedef struct _kv_PCIDevice {
     uint32_t BaseAddress[KV_PCI_BARS];      /**< their low 32 bits without the flag bits 0 to 3 */
     uint32_t Length[KV_PCI_BARS];           /**< BAR sizes in bytes, 0 where there is no such BAR */
     uintptr_t VirtAddress[KV_PCI_BARS];     /**< process address of each mapped BAR */
-    uint16_t VendorId;
-    uint16_t DeviceId;
-    uint16_t SubDeviceId; /**< the caller's */
-    uint16_t SubVendorId; /**< the caller's */
-    uint32_t pciIdx;      /**< ordinal under which the look-up found the board */
+    uint16_t VendorId;                      /**< vendor id */
+    uint16_t DeviceId;                      /**< device id */
+    uint16_t SubDeviceId;                   /**< the caller's */
+    uint16_t SubVendorId;                   /**< the caller's */
+    uint32_t pciIdx;                        /**< ordinal under which the look-up found the board */
 } kv_PCIDevice;
 
 /** One PCI function of the topology. */
 typedef struct _kv_topo_node {
-    uint32_t bus;
-    uint32_t slot; /**< 0 to 31 */
-    uint32_t func; /**< 0 to 7 */
-    uint32_t VID;
-    uint32_t DID;
-    uint32_t SubVID;
-    uint32_t SubDID;
+    uint32_t bus;                 /**< 0 to 255 */
+    uint32_t slot;                /**< 0 to 31 */
+    uint32_t func;                /**< 0 to 7 */
+    uint32_t VID;                 /**< vendor id */
+    uint32_t DID;                 /**< device id */
+    uint32_t SubVID;              /**< dword 0x2C of the header, its low half; no id on a bridge */
+    uint32_t SubDID;              /**< its high half */
     uint32_t classcode;           /**< base class, sub-class and programming interface, 24 bits */
     char* interfaceType;          /**< "PCIe<capability version> x<link width>" or "PCI" */
     bool MF;                      /**< multi-function bit of the header type */
@@ -71,7 +71,10 @@ typedef struct _kv_topo_bridge {
     kv_topo_node* children; /**< array of nChildren nodes */
 } kv_topo_bridge;
 
-/* ---- Topology ---- */
+/**
+ * @name Topology
+ * @{
+ */
 
 /**
  * Scans a bus and all buses behind its bridges.
@@ -91,7 +94,10 @@ KV_EXPORT int32_t kv_getPciTopology(kv_topo_node** topo);
 /** Prints the tree of @p n nodes to standard output, one line a function, children one tab further in. */
 KV_EXPORT void kv_printPciTopology(kv_topo_node* topo, uint32_t n);
 
-/* ---- Look-up ----
+/** @} */
+
+/**
+ * @name Look-up
  *
  * A look-up fills dev, bus, slot, the three BAR arrays, VendorId, DeviceId and pciIdx, and leaves the rest of
  * the record to the caller. All return 0 when the board was found and 1 when it was not, an argument was bad
@@ -101,6 +107,7 @@ KV_EXPORT void kv_printPciTopology(kv_topo_node* topo, uint32_t n);
  * command register. By index: memory space and bus mastering are added, with root rights. At a slot: they
  * replace the low byte, so that I/O space goes off, without root rights; where the process has none, nothing
  * changes.
+ * @{
  */
 
 /**
@@ -154,7 +161,12 @@ KV_EXPORT int kv_findPciDeviceMultiIDs(kv_PCIDevice* pPciInfo, const char* pDevN
                                        uint16_t* pVendorId, uint16_t* pDeviceId, uint16_t* pSubVendorId,
                                        uint16_t* pSubDeviceId, int PciAutosearchPos, int Bus, int Slot);
 
-/* ---- Memory and configuration space ---- */
+/** @} */
+
+/**
+ * @name Memory and configuration space
+ * @{
+ */
 
 /**
  * Maps a BAR into the process, shared, readable and writable; the mapping stays until the process ends.
@@ -162,6 +174,8 @@ KV_EXPORT int kv_findPciDeviceMultiIDs(kv_PCIDevice* pPciInfo, const char* pDevN
  * A BAR at a page boundary is mapped through /sys/bus/pci/devices/.../resourceN, any other through /dev/mem.
  * The device is enabled first through its `enable` file; a failure there is only logged.
  *
+ * @param bar  0 to 5, a BAR in memory space: that of port I/O has no address in memory, and what is mapped
+ * for it is not the board's. Nor can a BAR be mapped that a driver of the kernel has claimed.
  * @return the process address of the BAR's first byte, also stored in VirtAddress; null, with a log record,
  * when the BAR cannot be mapped
  */
@@ -198,10 +212,14 @@ KV_EXPORT void kvPCI_printPCIConfig(kv_PCIDevice* pciinfo);
  */
 KV_EXPORT int kv_pci_openPciConfig(kv_PCIDevice* pciDev, int flags);
 
-/* ---- Drivers ----
+/** @} */
+
+/**
+ * @name Drivers
  *
  * These write the board's address to a file of the kernel. 0 says that the file could be opened; whether the
  * kernel accepts the address is not examined. -1 is logged at kv_info, also for a null device.
+ * @{
  */
 
 /** Takes the board from its driver. @return 0, also when no driver was bound; -1 */
@@ -212,6 +230,8 @@ KV_EXPORT int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName);
 
 /** Lets the kernel choose a driver for the board. @return 0 or -1 */
 KV_EXPORT int kv_pci_probeDriver(kv_PCIDevice* device);
+
+/** @} */
 
 KV_END_DECLS
 
@@ -229,6 +249,7 @@ class OwnedTopology {
 
     /** What the scan returned. */
     int32_t count() const { return count_; }
+    /** The functions on the bus; null when there is none. They live as long as the object. */
     kv_topo_node* nodes() const { return nodes_; }
 
  private:

@@ -15,7 +15,10 @@
 
 KV_BEGIN_DECLS
 
-/* ---- Paths ---- */
+/**
+ * @name Paths
+ * @{
+ */
 
 /** @return true when the path can NOT be accessed, false when it exists: callers rely on the inverted sense
  */
@@ -33,7 +36,8 @@ KV_EXPORT void kv_fullFile(int nParts, char* path, ...);
 KV_EXPORT void kv_setDriveLetter(char driveLetter);
 
 /**
- * Tells the base directory of the running application: its executable's path up to the first "/bin/".
+ * Tells the base directory of the running application: its executable's path, which is where /proc/self/exe
+ * leads, up to the first "/bin/".
  *
  * @param outPath  receives the directory, or, when the path has no "/bin/", the whole path
  * @param maxLen   size of outPath in bytes; a longer path is cut before "/bin/" is looked for
@@ -45,7 +49,12 @@ KV_EXPORT int kv_getModelBaseDir(char* outPath, uint32_t maxLen);
 /** Tells the configuration directory, "/usr/kelvaro". @return 0; -1 when outPath, untouched, is too small */
 KV_EXPORT int kv_getConfigBaseDir(char* outPath, uint32_t maxLen);
 
-/* ---- Directories and device files ---- */
+/** @} */
+
+/**
+ * @name Directories and device files
+ * @{
+ */
 
 /** @return 0 when the directory can be opened, -1 when the path does not exist, -2 on any other error */
 KV_EXPORT int kv_fs_checkDir(const char* path);
@@ -61,10 +70,15 @@ KV_EXPORT int kv_fs_ensureDirExists(const char* path);
  */
 KV_EXPORT int kv_openAsRoot(const char* file, int flags);
 
-/* ---- Processes and version ---- */
+/** @} */
 
 /**
- * Starts a helper program with an empty environment, and does not wait for it.
+ * @name Processes and version
+ * @{
+ */
+
+/**
+ * Starts a helper program by posix_spawn(3), with an empty environment, and does not wait for it.
  *
  * @param path            the program's directory; with "/" and the name it may have 99 characters
  * @param executableName  the program's name
@@ -86,6 +100,8 @@ KV_EXPORT int kv_spawnExecutable(const char* path, const char* executableName, c
  *         empty file leaves a descriptor open
  */
 KV_EXPORT int kv_getLibVersion(char* outLibVer);
+
+/** @} */
 
 KV_END_DECLS
 

@@ -35,17 +35,17 @@ typedef struct _kv_block_info {
 
 /** The blocks of one block type; slot i holds block id i or null. */
 typedef struct _kv_block_list {
-    kv_block_info** blocks;
-    uint32_t Length;  /**< slots in blocks */
-    uint32_t nBlocks; /**< occupied slots */
+    kv_block_info** blocks; /**< the slots */
+    uint32_t Length;        /**< slots in blocks */
+    uint32_t nBlocks;       /**< occupied slots */
 } kv_block_list;
 
 /** All blocks of one module; slot t holds the blocks of type t or null. */
 typedef struct _kv_block_type_list {
-    kv_block_list** types;
-    uint32_t Length;      /**< slots in types */
-    uint32_t nBlockTypes; /**< occupied slots */
-    uint32_t nBlocks;     /**< blocks of all types */
+    kv_block_list** types; /**< the slots */
+    uint32_t Length;       /**< slots in types */
+    uint32_t nBlockTypes;  /**< occupied slots */
+    uint32_t nBlocks;      /**< blocks of all types */
 } kv_block_type_list;
 
 /** One module, usually a board. */

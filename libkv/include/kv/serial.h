@@ -23,7 +23,10 @@
 
 KV_BEGIN_DECLS
 
-/* ---- Discovery ---- */
+/**
+ * @name Discovery
+ * @{
+ */
 
 /**
  * Finds a port by the address of its UART: the tty whose attribute "iomem_base" is that address, as in
@@ -50,18 +53,25 @@ KV_EXPORT int kv_findSerialDeviceByPort(uint32_t addr, char* outStr, size_t maxL
  */
 KV_EXPORT int kv_findSerialDeviceByPci(kv_PCIDevice* pciInfo, int port, char* outStr, size_t maxLength);
 
-/* ---- Onboard ports ----
+/** @} */
+
+/**
+ * @name Onboard ports
  *
  * A port is open from the first call that needs it until one that closes it. The functions that open a port
  * take the open descriptor where there is one, and then touch neither GPIO lines nor flags. Opening also
  *
- * - stops the login console of port 1 (systemctl stop serial-getty@ttyPS0),
+ * - stops the login console of port 1 (`systemctl stop serial-getty@ttyPS0`),
  * - lets every user open the device node, with root rights where the process may have them,
  * - enables the port's transmitter.
+ *
+ * A port that was set up with hardware flow control waits there for its far end's carrier, as open(2) does
+ * without O_NONBLOCK. kv_serial_device_open() does not wait.
  *
  * In order: kv_serial_device_config(), which leaves the port closed, kv_serial_device_open(),
  * kv_serial_device_set_mode() and kv_serial_device_set_termination(), then read(2) and write(2) on the
  * descriptor, kv_serial_device_close().
+ * @{
  */
 
 /** Parity of a port. The values never change. */
@@ -135,6 +145,8 @@ KV_EXPORT int kv_serial_device_set_mode(int port, int mode);
  * @return 0; -1 for any other port or value, before a port was opened, and when the line cannot be driven
  */
 KV_EXPORT int kv_serial_device_set_termination(int port, int value);
+
+/** @} */
 
 KV_END_DECLS
 

@@ -23,7 +23,10 @@
 
 KV_BEGIN_DECLS
 
-/* ---- AXI devices ---- */
+/**
+ * @name AXI devices
+ * @{
+ */
 
 /** Size of a device path in bytes, the terminator included. */
 #define KV_AXI_DEV_PATH_SIZE 256
@@ -77,7 +80,10 @@ KV_EXPORT int kv_setAxiIrqAffinity(const char* name, int cpu);
  */
 KV_EXPORT int kv_loadOnChipBitstream(const char* path);
 
-/* ---- Interrupts of PCI boards ----
+/** @} */
+
+/**
+ * @name Interrupts of PCI boards
  *
  * An interrupt context serves the legacy interrupt (INTx) of one board. In order:
  *
@@ -98,6 +104,7 @@ KV_EXPORT int kv_loadOnChipBitstream(const char* path);
  * Some boards want a bit set in a register of theirs instead. For these fill target_register, int_mask and
  * fix_type of kv_int_fix and call kv_uio_interruptEnableFix() once after the attachment. From then on the
  * library leaves the command register alone: it is the driver's.
+ * @{
  */
 
 /** How a board that cannot be unmasked by its command register is served. */
@@ -108,30 +115,30 @@ typedef struct _kv_int_fix {
     uint32_t fix_type;         /**< what the driver does when the interrupt comes */
 } _kv_int_fix;
 
-/** One interrupt source. Fields that say nothing else are the caller's and 0 at first. */
+/** One interrupt source. Fields that are the caller's are 0 at first; the library does not look at them. */
 typedef struct {
-    kv_PCIDevice pciInfo; /**< copy of the board's record */
-    bool is_polling;
-    void* map[KV_PCI_BARS];
-    int uioIndex;               /**< number N of the board's UIO device, -1 while there is none */
-    int uiofd;                  /**< descriptor of /dev/uioN, -1 while closed */
-    int configfd;               /**< descriptor of the board's configuration space, -1 while closed */
-    unsigned char command_high; /**< upper byte of the command register that unmasks the interrupt */
-    uint16_t interruptChannel;
-    int moduleId;
-    void* customData;
-    _kv_int_fix kv_int_fix;
-    sem_t start_func_finished_sem; /**< not initialised by the library */
-    sem_t wait_func_ready_sem;     /**< not initialised by the library */
-    bool is_first_wait_call;
-    bool waiting_for_start;
-    int intCount; /**< interrupts of the UIO device so far, as of the last wait */
-    int noIntCount;
-    int irq_cpu_assigned; /**< processor for the interrupt's thread, -1 for none */
-    int priority;         /**< priority of the interrupt's thread, 60 at first */
-    int defaultPriority;  /**< 50 at first */
-    bool isModelTrigger;  /**< set by the caller: the interrupt drives the model's base rate */
-    bool overloadCheckEnabled;
+    kv_PCIDevice pciInfo;          /**< copy of the board's record */
+    bool is_polling;               /**< the caller's */
+    void* map[KV_PCI_BARS];        /**< the caller's */
+    int uioIndex;                  /**< number N of the board's UIO device, -1 while there is none */
+    int uiofd;                     /**< descriptor of /dev/uioN, -1 while closed */
+    int configfd;                  /**< descriptor of the board's configuration space, -1 while closed */
+    unsigned char command_high;    /**< upper byte of the command register that unmasks the interrupt */
+    uint16_t interruptChannel;     /**< the caller's */
+    int moduleId;                  /**< the caller's */
+    void* customData;              /**< the caller's, who frees what it points to */
+    _kv_int_fix kv_int_fix;        /**< filled by the caller where the board needs it, see above */
+    sem_t start_func_finished_sem; /**< the caller's, not initialised by the library */
+    sem_t wait_func_ready_sem;     /**< the caller's, not initialised by the library */
+    bool is_first_wait_call;       /**< the caller's */
+    bool waiting_for_start;        /**< the caller's */
+    int intCount;                  /**< interrupts of the UIO device so far, as of the last wait */
+    int noIntCount;                /**< the caller's */
+    int irq_cpu_assigned;          /**< processor for the interrupt's thread, -1 for none */
+    int priority;                  /**< priority of the interrupt's thread, 60 at first */
+    int defaultPriority;           /**< 50 at first */
+    bool isModelTrigger;           /**< set by the caller: the interrupt drives the model's base rate */
+    bool overloadCheckEnabled;     /**< the caller's */
 } kv_InterruptContext;
 
 /**
@@ -199,6 +206,8 @@ KV_EXPORT int kv_uio_interruptEnableFix(kv_InterruptContext* context);
  * command register as it is. No thread may still be waiting.
  */
 KV_EXPORT void kv_uio_interruptDetach(kv_InterruptContext* context);
+
+/** @} */
 
 KV_END_DECLS
 

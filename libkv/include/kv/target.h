@@ -78,10 +78,12 @@ KV_EXPORT int kv_getSerialNumberInternal(void);
 KV_EXPORT int kv_getSerialNumberSupplier(void);
 
 #ifdef __cplusplus
-/* ---- Screen lines ----
+/**
+ * @name Screen lines
  *
  * The two lines on the machine's own screen, with the platform's colour tags around each. For C++ only; the
  * symbols bear these plain names. They throw std::bad_alloc where memory is exhausted.
+ * @{
  */
 #ifdef __clang__
 #pragma clang diagnostic push
@@ -102,12 +104,17 @@ KV_EXPORT std::string kv_getTargetScreenLine1();
  */
 KV_EXPORT std::string kv_getTargetScreenLine2();
 
+/** @} */
+
 #ifdef __clang__
 #pragma clang diagnostic pop
 #endif
 #endif
 
-/* ---- Clock ---- */
+/**
+ * @name Clock
+ * @{
+ */
 
 /** Bytes that kv_getTargetTime() writes at most. */
 #define KV_TARGET_TIME_SIZE 26
@@ -141,13 +148,13 @@ typedef struct DateStr_tag {
 
 /** A point in time, in fields. */
 typedef struct DateTime_tag {
-    int year;
-    int month; /**< 1 to 12, 0 when unknown */
-    int dom;   /**< day of the month, from 1 */
-    int doy;   /**< day of the year, from 1; 0 when it was not computed */
-    int hour;
-    int min;
-    int sec;
+    int year;      /**< of the calendar */
+    int month;     /**< 1 to 12, 0 when unknown */
+    int dom;       /**< day of the month, from 1 */
+    int doy;       /**< day of the year, from 1; 0 when it was not computed */
+    int hour;      /**< 0 to 23 */
+    int min;       /**< 0 to 59 */
+    int sec;       /**< whole seconds, 0 to 60 */
     double subsec; /**< fraction of a second */
     int ns;        /**< not used */
     int inSync;    /**< not used */
@@ -158,6 +165,8 @@ KV_EXPORT int print_dt(DateTime_T* dt);
 
 /** Prints the fields, but for tz, in one line to standard output. @return 0 */
 KV_EXPORT int print_ds(DateStr_T* ds);
+
+/** @} */
 
 KV_END_DECLS
 

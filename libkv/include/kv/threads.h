@@ -2,9 +2,13 @@
  * @file
  * Time, threads, semaphores, mutexes, processor pinning and the start of the base rate.
  *
- * All functions may be called from any thread. Handles carry no lock of their own: destroy one only when no
- * other thread uses it. Root rights are taken for the single privileged call inside a function where the
- * process may have them.
+ * All functions may be called from any thread. None blocks unless it says so, but for the log records that
+ * some write. Handles carry no lock of their own: destroy one only when no other thread uses it, and pass a
+ * null one only where that is allowed. Root rights are taken for the single privileged call inside a function
+ * where the process may have them.
+ *
+ * Behind them stand POSIX threads, semaphores and mutexes, sched_setscheduler(2) and the affinity of threads,
+ * which the kernel lists under /proc/self/task.
  */
 #ifndef KV_THREADS_H
 #define KV_THREADS_H
@@ -17,11 +21,13 @@
 
 KV_BEGIN_DECLS
 
-/* ---- Time ----
+/**
+ * @name Time
  *
  * The time base is the processor's monotonic tick counter: the Armv8 generic timer (CNTVCT_EL0, CNTFRQ_EL0);
  * on other processors CLOCK_MONOTONIC_RAW in nanoseconds. None of these functions makes a system call except
  * kv_wait_s() from 1 ms on.
+ * @{
  */
 
 /** @return @p in times 5 */
@@ -43,19 +49,38 @@ KV_EXPORT void kv_wait_s(double delay_s);
 /** @return seconds since the origin of the tick counter, which is the start of the machine */
 KV_EXPORT double kv_getElapsedTime(void);
 
-/* ---- Port I/O: this platform has none. Each logs "<name>() not implemented for aarch64" and reads 0 ---- */
+/** @} */
 
+/**
+ * @name Port I/O
+ *
+ * This platform has none. Models built for other platforms call these functions; those for a port only log
+ * "<name>() not implemented for aarch64" at kv_error.
+ * @{
+ */
+
+/** Reads no byte. @return 0 */
 KV_EXPORT uint8_t kv_inpB(uintptr_t port);
+/** Reads no 16-bit word. @return 0 */
 KV_EXPORT uint16_t kv_inpW(uintptr_t port);
+/** Reads no 32-bit word. @return 0 */
 KV_EXPORT uint32_t kv_inpDW(uintptr_t port);
+/** Writes no byte. */
 KV_EXPORT void kv_outpB(uintptr_t port, uint8_t val);
+/** Writes no 16-bit word. */
 KV_EXPORT void kv_outpW(uintptr_t port, uint16_t val);
+/** Writes no 32-bit word. */
 KV_EXPORT void kv_outpDW(uintptr_t port, uint32_t val);
 
 /** Does nothing; models built for other platforms call it. @return 0 */
 KV_EXPORT int kv_setAbilities(void);
 
-/* ---- Threads ---- */
+/** @} */
+
+/**
+ * @name Threads
+ * @{
+ */
 
 /**
  * Starts a thread at SCHED_FIFO and its lowest priority, whatever the caller runs at. It has the caller's
@@ -79,15 +104,25 @@ KV_EXPORT int kv_destroyThread(void* handler);
 /**
  * Gives a thread a SCHED_FIFO priority.
  *
- * @param pid  the thread's id; 0 is the caller
- * @return 0; -1 with a log record
+ * @param pid       the thread's id; 0 is the caller
+ * @param priority  1 to 99, the highest
+ * @return 0; -1 with errno set and a log record
  */
 KV_EXPORT int kv_setPidPriority(pid_t pid, int priority);
 
-/** @return a thread's priority at SCHED_FIFO or SCHED_RR, 0 at any other policy, -1 when it cannot be read */
+/**
+ * @param pid  the thread's id; 0 is the caller
+ * @return a thread's priority at SCHED_FIFO or SCHED_RR, 0 at any other policy, -1 with errno set when it
+ *         cannot be read
+ */
 KV_EXPORT int kv_getPidPriority(pid_t pid);
 
-/* ---- Semaphores and mutexes: POSIX semaphores and mutexes of this process ---- */
+/** @} */
+
+/**
+ * @name Semaphores and mutexes: POSIX semaphores and mutexes of this process
+ * @{
+ */
 
 /** @return the semaphore's handle, null when the count is out of range or memory is exhausted */
 KV_EXPORT void* kv_createSemaphore(int initCount);
@@ -104,11 +139,17 @@ KV_EXPORT void* kv_createMutex(bool initialOwner);
 KV_EXPORT void kv_destroyMutex(void* handler);
 /** Blocks until the mutex is free and takes it. Throws std::system_error when the system refuses. */
 KV_EXPORT void kv_lockMutex(void* handler);
+/** Gives the mutex back; the calling thread holds it. Never blocks. */
 KV_EXPORT void kv_unlockMutex(void* handler);
 /** @return whether the mutex was taken; never blocks */
 KV_EXPORT bool kv_tryLockMutex(void* handler);
 
-/* ---- Processors ---- */
+/** @} */
+
+/**
+ * @name Processors
+ * @{
+ */
 
 /** Lets the calling thread run on one processor only. @return 0; -1 with errno set */
 KV_EXPORT int kv_pinThisThreadToCpu(int cpu);
@@ -132,7 +173,12 @@ KV_EXPORT int kv_pickNextAsyncCpu(void);
  */
 KV_EXPORT int kv_pinThreadExclusiveCpu(int cpu);
 
-/* ---- Base rate ---- */
+/** @} */
+
+/**
+ * @name Base rate
+ * @{
+ */
 
 /**
  * Waits up to 100 us of CLOCK_REALTIME for the base rate to start; worker threads poll it. Once started it
@@ -145,6 +191,8 @@ KV_EXPORT int kv_waitForBaseRateSync(void);
 
 /** Tells all waiters that the base rate has started, as the kernel does when the model starts or stops. */
 KV_EXPORT void kv_signalBaseRateSync(void);
+
+/** @} */
 
 KV_END_DECLS
 
