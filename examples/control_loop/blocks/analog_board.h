@@ -62,4 +62,13 @@ static inline void analogBoard_write(const AnalogBoard* board, unsigned offset, 
     board->registers[offset / sizeof(uint32_t)] = value;
 }
 
+/* Memory that was written before is there for the board when it sees a register that is written after. */
+static inline void analogBoard_orderMemory(void) {
+#ifdef __aarch64__
+    __asm__ volatile("dmb osh" ::: "memory");
+#else
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+#endif
+}
+
 #endif

@@ -40,6 +40,7 @@ int analogStream_start(AnalogStream* block, KvError* error) {
     analogBoard_write(board, ANALOG_STREAM_FRAMES, 0); /* a run that was killed may have left it going */
     analogBoard_write(board, ANALOG_STREAM_ADDRESS_LOW, (uint32_t)block->physicalAddress);
     analogBoard_write(board, ANALOG_STREAM_ADDRESS_HIGH, (uint32_t)((uint64_t)block->physicalAddress >> 32));
+    analogBoard_orderMemory(); /* no late zero hits a frame */
     analogBoard_write(board, ANALOG_STREAM_FRAMES, FRAMES);
     return 0;
 }
