@@ -74,8 +74,8 @@ void* kv_mapMemory(kv_PCIDevice* dev, uint32_t bar) {
         return reportMapFailure(errno);
     }
 
-    // The resource file maps whole pages from the BAR's first byte; a BAR inside a page is reached by its
-    // address.
+    // The resource file shows the page that a BAR is in from its start, where another board's may be; a BAR
+    // inside a page is reached by its address.
     const auto pageSize = static_cast<uint32_t>(::sysconf(_SC_PAGESIZE));
     const uint32_t lead = dev->BaseAddress[bar] % pageSize;
     off_t offset = 0;

@@ -1,7 +1,10 @@
+#include <filesystem>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "run_kvctl.h"
+#include "support/blaze_ports.h"
 
 using kv::test::kvctl;
 using kv::test::kvctlJson;
@@ -31,20 +34,14 @@ TEST(KvctlEth, LabelsThePortsOfEveryModule) {
     Machine machine = kv::test::machineNamed("blaze");
     ENTER_MACHINE(machine);
     const json written = kvctlJson("eth --write");
-    EXPECT_THAT(
-        portsOf(written),
-        testing::ElementsAre(
-            "Hostlink end0 -1 -", "ETH1 end1 -1 -", "ETH2 eth0 0 05:00.0", "ETH3 eth1 1 06:00.0",
-            "NMA_1A eth2 2 0b:00.0", "NMA_1B eth3 3 0c:00.0", "NMA-2_1A eth4 4 0f:00.0",
-            "NMA-2_1B eth5 5 10:00.0", "NMB_1 eth6 6 11:00.0", "NMC_1Port1 eth23 7 12:00.0",
-            "NMC_1Port2 eth24 8 12:00.1", "NMD_1 eth25 9 13:00.0",
-            // NMJ and NMK are 10 to 12
-            "NME_1Port1 eth7 13 18:00.0", "NME_1Port2 eth8 14 19:00.0", "NME_1Port3 eth9 15 1a:00.0",
-            "NME_1Port4 eth10 16 1b:00.0", "NME_2Port1 eth11 17 1e:00.0", "NME_2Port2 eth12 18 1f:00.0",
-            "NME_2Port3 eth13 19 20:00.0", "NME_2Port4 eth14 20 21:00.0", "NMF_1Port4 eth16 21 24:00.0",
-            "NMF_1Port3 eth17 22 25:00.0", "NMF_1Port2 eth18 23 26:00.0", "NMF_1Port1 eth19 24 27:00.0",
-            "NMG_1Port2 eth20 25 2a:00.0", "NMG_1Port1 eth21 26 2b:00.0", "NMH_1 eth22 27 2c:00.0",
-            "NMH-2_1 eth15 28 2d:00.0"));
+    std::vector<std::string> expected = {"Hostlink end0 -1 -", "ETH1 end1 -1 -", "ETH2 eth0 0 05:00.0",
+                                         "ETH3 eth1 1 06:00.0"};
+    for (const auto& [label, index, place] : kv::test::kBlazeModulePorts) {
+        const std::string interfaces = std::string("/sys/bus/pci/devices/0000:") + place + "/net";
+        const std::string interface = std::filesystem::directory_iterator(interfaces)->path().filename();
+        expected.push_back(std::string(label) + " " + interface + " " + std::to_string(index) + " " + place);
+    }
+    EXPECT_THAT(portsOf(written), testing::ElementsAreArray(expected));
     for (const json& port : written) {
         const auto interface = port["interface"].get<std::string>();
         EXPECT_EQ(port["mac"].get<std::string>() + "\n",

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+
+namespace kv::test {
+
+constexpr std::size_t kPageBytes = 4096;
+
+/** A file of the kernel's; empty where it cannot be read. */
+inline std::string kernelText(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+/** The number that a file has at a place, such as one of a page frame; empty where it has none. */
+inline std::optional<uint64_t> kernelNumberAt(const char* path, uint64_t index) {
+    const int file = ::open(path, O_RDONLY | O_CLOEXEC);
+    uint64_t number = 0;
+    const ssize_t count = ::pread(file, &number, sizeof number, static_cast<off_t>(index * sizeof number));
+    ::close(file);
+    return count == sizeof number ? std::optional(number) : std::nullopt;
+}
+
+/** What this process has mapped of a file, as lines of /proc/self/maps without the inode. */
+inline std::string mappingsOf(const std::string& path) {
+    std::istringstream maps(kernelText("/proc/self/maps"));
+    std::string found;
+    for (std::string line; std::getline(maps, line);) {
+        std::istringstream words(line);
+        std::string range, rights, offset, device, inode, file;
+        words >> range >> rights >> offset >> device >> inode >> file;
+        found += file == path ? range + " " + rights + " " + offset + "\n" : "";
+    }
+    return found;
+}
+
+}  // namespace kv::test
