@@ -62,6 +62,15 @@ static inline void analogBoard_write(const AnalogBoard* board, unsigned offset, 
     board->registers[offset / sizeof(uint32_t)] = value;
 }
 
+/* Waits until the board has all that was written to it: before what follows by another way than its
+ * registers. */
+static inline void analogBoard_awaitWrites(const AnalogBoard* board) {
+    (void)analogBoard_read(board, ANALOG_IDENTITY);
+#ifdef __aarch64__
+    __asm__ volatile("dsb ld" ::: "memory");
+#endif
+}
+
 /* Memory that was written before is there for the board when it sees a register that is written after. */
 static inline void analogBoard_orderMemory(void) {
 #ifdef __aarch64__

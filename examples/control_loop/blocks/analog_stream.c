@@ -50,6 +50,7 @@ void analogStream_terminate(AnalogStream* block) {
         return;
     }
     analogBoard_write(block->board, ANALOG_STREAM_FRAMES, 0);
+    analogBoard_awaitWrites(block->board); /* nothing is written to memory that is free */
     kv_freePhysicalMemory(block->frames);
     block->frames = NULL;
     block->board = NULL;

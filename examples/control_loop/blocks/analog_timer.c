@@ -46,6 +46,7 @@ static int fail(KvError* error) {
 int analogTimer_wait(AnalogTimer* block, int timeoutMs, AnalogTick* tick, KvError* error) {
     const AnalogBoard* board = block->board;
     analogBoard_write(board, ANALOG_TIMER_SERVED, block->tick);
+    analogBoard_awaitWrites(board); /* the line is released before it is let through again */
     if (kv_uio_enableInterrupt(block->interrupt) != 0) {
         return fail(error);
     }
@@ -74,6 +75,7 @@ void analogTimer_terminate(AnalogTimer* block) {
     }
     analogBoard_write(block->board, ANALOG_TIMER_PERIOD, 0);
     analogBoard_write(block->board, ANALOG_INTERRUPTS, 0);
+    analogBoard_awaitWrites(block->board);
     kv_uio_interruptDetach(block->interrupt);
     block->interrupt = NULL;
     block->board = NULL;
