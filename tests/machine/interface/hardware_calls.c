@@ -91,8 +91,8 @@ static void useInterrupt(kv_PCIDevice* board) {
     EXPECT(CALL(kv_uio_interruptAttach)(context) == 0);
     (void)CALL(kv_uio_setIrqProps)(context);
     (void)CALL(kv_uio_resetIrqProps)(context);
-    (void)CALL(kv_uio_interruptEnableFix)(context);
     EXPECT(CALL(kv_uio_enableInterrupt)(context) == 0);
+    EXPECT(CALL(kv_uio_interruptEnableFix)(context) == 0);
     close(context->uiofd);
     context->uiofd = -1;
     EXPECT(CALL(kv_uio_interruptWait)(context) != 0);
@@ -165,7 +165,7 @@ void useLines(void) {
     EXPECT(CALL(kv_serial_port_open)(1, O_RDWR) >= 0);
     EXPECT(CALL(kv_serial_port_close)(1) == 0);
     EXPECT(CALL(kv_serial_device_open)(1) >= 0);
-    EXPECT(CALL(kv_serial_device_config)(1, B115200, 8, None, 1, 0) == 0);
+    EXPECT(CALL(kv_serial_device_config)(1, B115200, 4, None, 1, 0) == 0);
     EXPECT(CALL(kv_serial_device_set_mode)(1, 3) == 0);
     EXPECT(CALL(kv_serial_device_set_termination)(1, 1) == 0);
     EXPECT(CALL(kv_serial_device_flush)(1, 1) == 0);
