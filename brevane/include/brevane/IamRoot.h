@@ -1,3 +1,7 @@
+/**
+ * @file
+ * Root rights for a scope.
+ */
 #pragma once
 
 #include <brevane/export.h>

@@ -1,3 +1,7 @@
+/**
+ * @file
+ * The kernel itself: what a model is, and the loop that runs it.
+ */
 #pragma once
 
 #include <atomic>
@@ -9,6 +13,7 @@
 
 #include <brevane/export.h>
 
+/** The embedded kernel: it runs control models where the platform's own kernel is not there. */
 namespace brevane {
 
 /** What called for a step: an interrupt of a board, say. */

@@ -1,3 +1,7 @@
+/**
+ * @file
+ * The log that the whole process writes through.
+ */
 #pragma once
 
 #include <boost/log/sources/severity_channel_logger.hpp>

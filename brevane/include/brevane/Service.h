@@ -1,3 +1,7 @@
+/**
+ * @file
+ * What lives and starts with a model.
+ */
 #pragma once
 
 #include <memory>

@@ -1,3 +1,7 @@
+/**
+ * @file
+ * Visibility of what the embedded kernel exports.
+ */
 #pragma once
 
 /** Marks a class or function that the embedded kernel exports. */

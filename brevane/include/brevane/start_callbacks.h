@@ -1,3 +1,7 @@
+/**
+ * @file
+ * Callbacks at the start of a model.
+ */
 #pragma once
 
 #include <brevane/export.h>

@@ -38,8 +38,8 @@ extern KV_EXPORT char pKvErrorStr[KV_ERROR_STR_SIZE];
  * Writes diagnostics to the log of the real-time kernel, one record for each complete line.
  *
  * A line becomes the record "KV: " + line on channel 0. Text after the last newline is dropped, so a message
- * without a newline writes nothing; a message longer than 511 characters is cut there and its last character
- * becomes the newline. A message that cannot be formatted is dropped. errno is left as it was.
+ * without a newline writes nothing; of a message of 511 characters or more the first 511 count, and the last
+ * of them becomes the newline. A message that cannot be formatted is dropped. errno is left as it was.
  *
  * @param severity  a Severity; any other value writes a fixed error record in place of each line
  * @param msg       printf format; ends in a newline
@@ -53,7 +53,7 @@ KV_EXPORT void kv_printf(Severity severity, const char* msg, ...) KV_PRINTF_LIKE
  *
  * with the local time, the severity padded to seven characters, and two constants where a fraction and a
  * number could be. The file is opened and closed by each call. Nothing is reported when it cannot be opened
- * for appending; the line is then lost, though an empty file may be created.
+ * for appending; the line is then lost, and an empty file may be made or the file emptied.
  *
  * @param severity  kv_trace to kv_error; not range-checked
  * @param msg       the text of the line, without a newline
@@ -111,7 +111,10 @@ KV_END_DECLS
 #ifdef __cplusplus
 namespace kv::utils {
 
-/** Formats printf-style into a string of any length. Throws std::bad_alloc when memory is exhausted. */
+/**
+ * Formats printf-style into a string of any length, empty where that cannot be done. Throws std::bad_alloc
+ * when memory is exhausted.
+ */
 KV_EXPORT std::string formatString(const char* format, ...) KV_PRINTF_LIKE(1, 2);
 
 }  // namespace kv::utils

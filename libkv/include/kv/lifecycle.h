@@ -3,7 +3,8 @@
  * The life of a model: whether it runs for the first time; hooks before it, at its start and at its exit.
  *
  * Nothing is locked: these functions belong to the model's initialisation, which runs on one thread. Nothing
- * here blocks longer than the small files it reads and writes.
+ * here blocks longer than the small files it reads and writes. Where memory is exhausted, std::bad_alloc may
+ * leave them.
  */
 #ifndef KV_LIFECYCLE_H
 #define KV_LIFECYCLE_H
@@ -46,12 +47,13 @@ KV_EXPORT void kv_setModelInit(void);
 KV_EXPORT void kv_clearModelInit(void);
 
 /**
- * Copies the model's identity to /tmp/kelvaro/model_uuid, unless it is there already. A process that has got
- * as far as the path of its own identity does nothing on further calls; one that could not open the tag tries
- * again.
+ * Copies the model's identity to /tmp/kelvaro/model_uuid, unless it is there already. A process that has read
+ * its executable's path does nothing on further calls, whatever the first came to; one that could not read
+ * it, or not open the tag, tries again.
  *
- * @return 0 when the identity is there now, when there is nothing left to do, when another thread is at it,
- * and when the identity is empty; 1 with a log record when a file or the executable's path stands in the way
+ * @return 0 when the identity is there now, when there is nothing left to do, and when the identity is empty
+ * or cannot be read, which leaves an empty tag; 1 with a log record when a file or the executable's path
+ *         stands in the way
  */
 KV_EXPORT int kv_tagModelRun(void);
 

@@ -28,6 +28,8 @@ KV_BEGIN_DECLS
  * occupied, none is available, and none is lost: each further call tries again, and kv_freePersistentMemory()
  * gives them up.
  *
+ * Where memory is exhausted, the functions throw std::bad_alloc.
+ *
  * One process at a time uses persistent memory. A process may be killed at any moment: a block that it has
  * handed out is found again whole, a half-made one is not found. Reasons of failures go to the log.
  * @{
@@ -71,7 +73,8 @@ KV_EXPORT void kv_freePersistentMemory(void);
  *
  * The kernel's devices of uncached buffers outlive the process: what is not freed stays until the next
  * process asks for its first uncached buffer, which removes them all. So one process at a time uses them.
- * All functions block on the kernel's files; reasons of failures go to the log.
+ * All functions block on the kernel's files; reasons of failures go to the log. Where memory is exhausted,
+ * those that allocate or free throw std::bad_alloc.
  * @{
  */
 
@@ -85,8 +88,9 @@ KV_EXPORT void* kv_allocPhysicalMemory_uncached(size_t size);
  * that is full does not fall back on the other.
  *
  * @param physicalOut  receives the address that the board uses; 0 on failure
- * @return the memory, not cleared; null on failure. kv_freePhysicalMemory() frees it. Throws what
- *         kv_udmabuf_areCacheCoherentBuffersAvailable() and kv_udmabuf_allocCachedBuffer() throw.
+ * @return the memory, not cleared; null on failure, or what the two functions below tell of a failed mmap().
+ *         kv_freePhysicalMemory() frees it. Throws what kv_udmabuf_areCacheCoherentBuffersAvailable() and
+ *         kv_udmabuf_allocCachedBuffer() throw.
  */
 KV_EXPORT void* kv_allocPhysicalMemory_v2(size_t size, uintptr_t* physicalOut);
 
@@ -101,8 +105,8 @@ KV_EXPORT void* kv_allocPhysicalMemory_v2_cached(size_t size, uintptr_t* physica
 KV_EXPORT void* kv_allocPhysicalMemory_v2_uncached(size_t size, uintptr_t* physicalOut);
 
 /**
- * Frees what the functions above returned; a null pointer is ignored. An uncached buffer that the kernel does
- * not give back is logged and forgotten.
+ * Frees what the functions above returned; a null pointer is ignored, any other address is logged and left.
+ * An uncached buffer that the kernel does not give back is logged and forgotten.
  */
 KV_EXPORT void kv_freePhysicalMemory(void* ptr);
 
@@ -111,8 +115,8 @@ KV_EXPORT void kv_freePhysicalMemory(void* ptr);
  * them; without them the kernel shows frame 0 for every page. May be called from any thread.
  *
  * @return its physical address at this moment: only DMA memory and locked pages stay where they are. Just
- *         the offset within the page where nothing is mapped, and of registers, which the page map leaves
- *         out; 0 when it cannot be read.
+ *         the offset within the page where nothing is mapped, and of what is mapped by frame number, which
+ *         the page map leaves out: registers, and buffers of some drivers. 0 when it cannot be read.
  */
 KV_EXPORT uintptr_t kv_getPhysicalBufferAddr(void* virtualAddress);
 
@@ -135,7 +139,7 @@ typedef struct kv_udmabuf_Handle {
  * Makes and maps an uncached buffer: the manager /dev/u-dma-buf-mgr creates a device of the first number from
  * 0 to 255 that is not there.
  *
- * @param length  the driver rounds it up to whole pages
+ * @param length  the driver takes whole pages for it and tells this size all the same
  * @return the buffer; null for a size of 0, and when the buffer cannot be made and mapped or has another size
  *         than asked for. A device that was made then stays until kv_udmabuf_deleteAllBuffers(). When only
  *         mmap() fails, the buffer's userPtr is MAP_FAILED and the buffer cannot be freed.
@@ -170,8 +174,8 @@ KV_EXPORT void* kv_udmabuf_allocCachedBuffer(size_t size, uintptr_t* physAddr);
  * Frees a block. The last one unmaps the buffer.
  *
  * @param addr  what the allocation returned
- * @return 0, also when the block is free already; -1 when no block begins there, which is logged if the
- *         address is in the buffer
+ * @return 0, also when a free block begins there; -1 when none does (free neighbours become one), which is
+ *         logged if the address is in the buffer, and when nothing is mapped
  */
 KV_EXPORT int kv_udmabuf_freeCachedBuffer(void* addr);
 

@@ -2,10 +2,10 @@
  * @file
  * PCI boards: topology, look-up, BAR mapping, configuration space and driver binding.
  *
- * Everything here goes through libpci and the files under /sys/bus/pci, in PCI domain 0000. The functions
- * block on system calls, are not thread-safe and belong to the model's initialisation and termination; only
- * the memory that kv_mapMemory() returns is for the running model. Root rights are taken for single
- * privileged calls where the process may have them.
+ * Everything here goes through libpci and the files under /sys/bus/pci. A record has no PCI domain: its files
+ * are taken to be in 0000. The functions block on system calls, are not thread-safe and belong to the model's
+ * initialisation and termination; only the memory that kv_mapMemory() returns is for the running model. Root
+ * rights are taken for single privileged calls where the process may have them.
  */
 #ifndef KV_PCI_H
 #define KV_PCI_H
@@ -47,18 +47,18 @@ typedef struct _kv_PCIDevice {
 
 /** One PCI function of the topology. */
 typedef struct _kv_topo_node {
-    uint32_t bus;                 /**< 0 to 255 */
-    uint32_t slot;                /**< 0 to 31 */
-    uint32_t func;                /**< 0 to 7 */
-    uint32_t VID;                 /**< vendor id */
-    uint32_t DID;                 /**< device id */
-    uint32_t SubVID;              /**< dword 0x2C of the header, its low half; no id on a bridge */
-    uint32_t SubDID;              /**< its high half */
-    uint32_t classcode;           /**< base class, sub-class and programming interface, 24 bits */
-    char* interfaceType;          /**< "PCIe<capability version> x<link width>" or "PCI" */
-    bool MF;                      /**< multi-function bit of the header type */
-    uint32_t headerType;          /**< 0 device, 1 PCI-to-PCI bridge, 2 CardBus bridge */
-    uintptr_t customData;         /**< of header type 1: address of its kv_topo_bridge; else not to be read */
+    uint32_t bus;         /**< 0 to 255 */
+    uint32_t slot;        /**< 0 to 31 */
+    uint32_t func;        /**< 0 to 7 */
+    uint32_t VID;         /**< vendor id */
+    uint32_t DID;         /**< device id */
+    uint32_t SubVID;      /**< dword 0x2C of the header, its low half; no id on a bridge */
+    uint32_t SubDID;      /**< its high half */
+    uint32_t classcode;   /**< base class, sub-class and programming interface, 24 bits */
+    char* interfaceType;  /**< "PCIe<capability version> x<link width>", or "PCI", as always without root */
+    bool MF;              /**< multi-function bit of the header type */
+    uint32_t headerType;  /**< 0 device, 1 PCI-to-PCI bridge, 2 CardBus bridge */
+    uintptr_t customData; /**< of header type 1: address of its kv_topo_bridge; else not to be read */
     struct _kv_topo_node* parent; /**< the bridge in front of this function, null at the top level */
 } kv_topo_node;
 
@@ -113,7 +113,7 @@ KV_EXPORT void kv_printPciTopology(kv_topo_node* topo, uint32_t n);
 /**
  * Finds the n-th board of an identity in ascending (bus, slot, function) order.
  *
- * Sees the bus as it was at the first PCI call of the process. Sets no error text.
+ * Sees the bus as it was at the first look-up by index, or scan, of the process. Sets no error text.
  *
  * @param moduleId  position from 1; 0 and negative values find the first
  */
@@ -175,7 +175,8 @@ KV_EXPORT int kv_findPciDeviceMultiIDs(kv_PCIDevice* pPciInfo, const char* pDevN
  * The device is enabled first through its `enable` file; a failure there is only logged.
  *
  * @param bar  0 to 5, a BAR in memory space: that of port I/O has no address in memory, and what is mapped
- * for it is not the board's. Nor can a BAR be mapped that a driver of the kernel has claimed.
+ * for it is not the board's. Nor can a BAR be mapped that a driver of the kernel has claimed, where the
+ * kernel is built with CONFIG_IO_STRICT_DEVMEM.
  * @return the process address of the BAR's first byte, also stored in VirtAddress; null, with a log record,
  * when the BAR cannot be mapped
  */

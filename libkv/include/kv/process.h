@@ -25,7 +25,7 @@ KV_BEGIN_DECLS
 KV_EXPORT bool kv_doesFsNodeExist(const char* pPath);
 
 /**
- * Joins parts of a path with "/".
+ * Joins parts of a path with "/". Nothing is written for no parts.
  *
  * @param nParts  the number of texts (const char*) that follow @p path
  * @param path    receives the joined path; no bound is checked, so it must be large enough

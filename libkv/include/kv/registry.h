@@ -13,7 +13,7 @@
  *
  * Registration failures leave their reason in pKvErrorStr. All records belong to the registry and come from
  * malloc; callers may read them and may write the fields marked as the driver's. Each record's custom_data
- * belongs to the driver, which frees it before it unregisters.
+ * belongs to the driver, which frees it when it unregisters.
  */
 #ifndef KV_REGISTRY_H
 #define KV_REGISTRY_H

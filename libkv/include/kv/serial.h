@@ -7,9 +7,10 @@
  * one has two. Their transceivers are switched through GPIO lines (libgpiod), which are held for the duration
  * of a call only: the hardware keeps their values.
  *
- * Nothing is locked: one thread uses a port, during the model's initialisation and in its serial blocks. All
- * functions block on system calls. Reasons of failures are logged at kv_error unless a function says
+ * Nothing is locked: one thread opens ports, whichever they are, and one thread at a time uses an open port.
+ * All functions block on system calls. Reasons of failures are logged at kv_error unless a function says
  * otherwise.
+ * Where memory is exhausted, functions that need some throw std::bad_alloc, unless they say otherwise.
  */
 #ifndef KV_SERIAL_H
 #define KV_SERIAL_H
@@ -63,7 +64,7 @@ KV_EXPORT int kv_findSerialDeviceByPci(kv_PCIDevice* pciInfo, int port, char* ou
  *
  * - stops the login console of port 1 (`systemctl stop serial-getty@ttyPS0`),
  * - lets every user open the device node, with root rights where the process may have them,
- * - enables the port's transmitter.
+ * - enables the port's transmitter, and drives line 14 (port 1) or 7 (port 2) of the same GPIO chip low.
  *
  * A port that was set up with hardware flow control waits there for its far end's carrier, as open(2) does
  * without O_NONBLOCK. kv_serial_device_open() does not wait.
@@ -98,7 +99,12 @@ KV_EXPORT int kv_serial_port_open(int port, int flags);
 /** Closes a port. One that is not open, does not exist, or has descriptor 0 is left as it is. @return 0 */
 KV_EXPORT int kv_serial_port_close(int port);
 
-/** Opens a port for reading and writing; neither waits. @return as kv_serial_port_open() */
+/**
+ * Opens a port for reading and writing; neither waits. The port may become the process's controlling
+ * terminal.
+ *
+ * @return as kv_serial_port_open()
+ */
 KV_EXPORT int kv_serial_device_open(int port);
 
 /** Closes a port, as kv_serial_port_close() does. @return 0 */

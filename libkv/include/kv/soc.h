@@ -10,6 +10,7 @@
  * thread, and block on system calls; kv_uio_interruptWait() and kv_uio_enableInterrupt() are for the one
  * thread that serves a context's interrupt. The reason of a failure is in pKvErrorStr unless a function says
  * otherwise. Root rights are taken for single privileged calls where the process may have them.
+ * Where memory is exhausted, functions that need some throw std::bad_alloc, unless they say otherwise.
  */
 #ifndef KV_SOC_H
 #define KV_SOC_H
@@ -38,12 +39,12 @@ typedef struct {
 } kv_AxiDevice;
 
 /**
- * Finds an AXI device by its name in /sys/class/uio/uioN/name, upper and lower case being different.
+ * Finds an AXI device by the first word of /sys/class/uio/uioN/name, upper and lower case being different.
  *
  * UIO numbers are expected to be contiguous from 0: the first missing one ends the search.
  *
  * @param dev  written only when the device is found
- * @return 0; -1 when there is no such device or a name cannot be read
+ * @return 0; -1 when there is no such device or a name file cannot be opened
  */
 KV_EXPORT int kv_findAxiDevice(kv_AxiDevice* dev, const char* name);
 
@@ -51,10 +52,12 @@ KV_EXPORT int kv_findAxiDevice(kv_AxiDevice* dev, const char* name);
  * Maps a memory region of a device, shared, readable and writable. The mapping stays until the process ends.
  *
  * Length and file offset are the attributes "size" and "offset" under /sys/class/uio/uioN/maps/mapM; a text
- * there that is no hexadecimal number counts as 0.
+ * there that is no hexadecimal number counts as 0. The file offset is that attribute, and not M pages as a
+ * driver that follows UIO's convention counts: of such a driver only region 0 is reached.
  *
  * @param mapIndex  number M of the region
- * @return the process address of the region's first byte; 0 when it cannot be mapped
+ * @return the process address of the region's first byte; 0 when it cannot be mapped, which leaves the device
+ *         open where mmap(2) failed
  */
 KV_EXPORT uintptr_t kv_mapAxiBar(kv_AxiDevice* dev, uint32_t mapIndex);
 

@@ -36,13 +36,16 @@ KV_EXPORT double kv_times_five(double in);
 /** @return the frequency of the tick counter in Hz */
 KV_EXPORT uint64_t kv_getTSCFrequency(void);
 
-/** Spins for at least @p delay_ns nanoseconds; for short waits inside a real-time step. */
+/**
+ * Spins for @p delay_ns nanoseconds, in whole ticks of the counter; for short waits inside a real-time step.
+ * The wait may end up to two ticks early, 20 ns at 100 MHz.
+ */
 KV_EXPORT void kv_wait_ns(uint32_t delay_ns);
 
 /**
  * Waits. From 1 ms on it sleeps whole milliseconds and drops the rest; below it spins. A negative delay above
  * -1 ms returns at once. The sleep is counted in 32 bits of microseconds: keep delays below 4294 s, and above
- * -1 ms, else it sleeps for what is left of them modulo 2^32 us.
+ * -1 ms, else it sleeps for what is left of them modulo 2^32 us. A signal that is handled ends the sleep.
  */
 KV_EXPORT void kv_wait_s(double delay_s);
 
