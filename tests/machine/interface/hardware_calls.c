@@ -1,5 +1,6 @@
 /* What the machine is and has: the target, its boards, its memory, its lines to others. */
 #include <fcntl.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -34,12 +35,26 @@ void useTarget(void) {
     EXPECT(CALL(print_ds)(&text) == 0);
 }
 
+static void freeNodes(kv_topo_node* nodes, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        if (nodes[i].headerType == 1) {
+            kv_topo_bridge* const bridge = (kv_topo_bridge*)nodes[i].customData;
+            freeNodes(bridge->children, bridge->nChildren);
+            free(bridge);
+        }
+        free(nodes[i].interfaceType);
+    }
+    free(nodes);
+}
+
 static void useTopology(void) {
     kv_topo_node* nodes = NULL;
     EXPECT(CALL(kv_getPciTopologyAtBus)(&nodes, BUS) == 1 && nodes[0].DID == ANALOG);
+    freeNodes(nodes, 1);
     const int32_t count = CALL(kv_getPciTopology)(&nodes);
     EXPECT(count > 0);
     CALL(kv_printPciTopology)(nodes, (uint32_t)count);
+    freeNodes(nodes, (uint32_t)count);
 }
 
 static void findBoard(kv_PCIDevice* board) {
