@@ -190,7 +190,7 @@ int PciDrivers::take(Device& device, const Driver& driver) {
     const FileTree tree = bindingOf(slot.function(), driver, showsHandler);
     removeTree(tree, slot.path());
     writeTree(tree);
-    slot.enable();
+    slot.takeForDriver();
     slot.setAttribute("uevent", pciUevent(slot.function(), driver.name));
     device.driver = &driver;
     device.showsHandler = showsHandler;
@@ -220,7 +220,7 @@ void PciDrivers::release(Device& device) {
     device.uio.reset();
     removeTree(bindingOf(slot.function(), *device.driver, device.showsHandler), slot.path());
     slot.setAttribute("uevent", pciUevent(slot.function(), ""));
-    slot.disable();
+    slot.releaseFromDriver();
     device.driver = nullptr;
 }
 

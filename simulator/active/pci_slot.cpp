@@ -1,8 +1,7 @@
 #include "active/pci_slot.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdlib>
+#include <charconv>
 #include <fcntl.h>
 #include <sys/mman.h>
 
@@ -26,7 +25,15 @@ constexpr int kPlainFilesOnly = O_NOFOLLOW | O_NONBLOCK;
 }  // namespace
 
 PciSlot::PciSlot(MachineCore& core, const PciFunction& function, const PciTopology& topology)
-    : core_(core), function_(function), name_(pciName(function)), path_(pciDevicePath(function, topology)) {
+    : core_(core),
+      function_(function),
+      name_(pciName(function)),
+      path_(pciDevicePath(function, topology)),
+      enableCount_(isEnabled(function) ? 1 : 0),
+      hasDriver_(!pciDriverOf(function).empty()) {
+    core_.files.put(path_ + "/enable", std::make_shared<AttributeFile>(
+                                           0644U, [this] { return std::to_string(enableCount_) + "\n"; },
+                                           [this](std::string_view text) { return storeEnable(text); }));
     if (function.irq != 0) {
         config_ = std::make_shared<ConfigSpace>(configSpace(function, topology));
         config_->beforeUnmask = [this] { endService(); };
@@ -51,9 +58,20 @@ PciSlot::~PciSlot() {
 
 /* ---- What drivers do ---- */
 
+void PciSlot::takeForDriver() {
+    hasDriver_ = true;
+    enable();
+    setAttribute("irq", std::to_string(function_.irq) + "\n");
+}
+
+void PciSlot::releaseFromDriver() {
+    hasDriver_ = false;
+    disable();
+}
+
 void PciSlot::enable() {
-    if (changeEnableCount(1) != 1) {
-        return;  // a program has enabled it before
+    if (++enableCount_ > 1) {
+        return;
     }
     const bool hasIo = std::ranges::find(function_.bars, BarSpace::Io, &Bar::space) != function_.bars.end();
     changeCommand(PCI_COMMAND_MEMORY | (hasIo ? PCI_COMMAND_IO : 0U),
@@ -61,18 +79,27 @@ void PciSlot::enable() {
 }
 
 void PciSlot::disable() {
-    if (changeEnableCount(-1) == 0) {
+    if (enableCount_ > 0 && --enableCount_ == 0) {
         changeCommand(0, PCI_COMMAND_MASTER);
     }
 }
 
-int PciSlot::changeEnableCount(int change) {
-    const kv::os::UniqueFd file = kv::os::openFile(path_ + "/enable", O_RDONLY | kPlainFilesOnly);
-    std::array<char, 12> text{};
-    (void)!::read(file.get(), text.data(), text.size() - 1);  // counts as 0 where a program has removed it
-    const int count = std::max(std::atoi(text.data()) + change, 0);
-    setAttribute("enable", std::to_string(count) + "\n");
-    return count;
+int PciSlot::storeEnable(std::string_view text) {
+    unsigned wanted = 0;
+    if (std::from_chars(text.data(), text.data() + text.size(), wanted).ec != std::errc()) {
+        return EINVAL;
+    }
+    if (hasDriver_) {
+        return EBUSY;
+    }
+    if (wanted != 0) {
+        enable();
+    } else if (enableCount_ == 0) {
+        return EIO;
+    } else {
+        disable();
+    }
+    return 0;
 }
 
 void PciSlot::setAttribute(const char* attribute, const std::string& text) {

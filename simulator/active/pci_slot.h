@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "active/active_machine.h"
 #include "active/boards/board.h"
@@ -25,9 +26,9 @@ class PciSlot : public BoardSlot {
     [[nodiscard]] const std::string& path() const { return path_; }
     [[nodiscard]] bool canInterrupt() const { return config_ != nullptr; }
 
-    /** What drivers do to a function that they take, and to one that they let go. */
-    void enable();
-    void disable();
+    /** What the kernel does to a function for a driver that takes it, and for one that lets it go. */
+    void takeForDriver();
+    void releaseFromDriver();
     /** Replaces the text of an attribute that is a plain file. */
     void setAttribute(const char* attribute, const std::string& text);
     /** The UIO device whose driver serves the interrupt from now on; null for none. */
@@ -40,8 +41,9 @@ class PciSlot : public BoardSlot {
 
  private:
     void changeCommand(unsigned set, unsigned clear);
-    /** Counts who has enabled the function: its driver, and a program through the file. @return the count */
-    [[nodiscard]] int changeEnableCount(int change);
+    void enable();
+    void disable();
+    int storeEnable(std::string_view text);
     void raise();
     void endService();
     void lookAtLine();
@@ -54,6 +56,9 @@ class PciSlot : public BoardSlot {
     std::shared_ptr<ConfigSpace> config_;
     std::shared_ptr<UioFile> uio_;
     std::map<unsigned, kv::os::Mapping> bars_;
+    /** How often the function was enabled: by its driver, and by programs through the file. */
+    unsigned enableCount_;
+    bool hasDriver_;
     bool boardAsserts_ = false;
     /** An interrupt that was raised by hand: first it waits for the driver, then for the program. */
     bool isRaised_ = false;

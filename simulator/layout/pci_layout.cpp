@@ -104,7 +104,8 @@ void addIdentity(const PciFunction& f, const std::string& path, FileTree& tree) 
     tree.addText(path + "/subsystem_device", format("0x%04x\n", f.subsystemDevice));
     tree.addText(path + "/class", format("0x%06x\n", f.classCode));
     tree.addText(path + "/revision", format("0x%02x\n", f.revision));
-    tree.addText(path + "/irq", format("%u\n", f.irq));
+    // The kernel gives a function its interrupt when the first driver takes it.
+    tree.addText(path + "/irq", format("%u\n", pciDriverOf(f).empty() ? 0 : f.irq));
     tree.addText(path + "/modalias", modalias(f) + "\n");
     tree.addWritable(path + "/uevent", pciUevent(f, pciDriverOf(f)));
     tree.addWritable(path + "/enable", isEnabled(f) ? "1\n" : "0\n");

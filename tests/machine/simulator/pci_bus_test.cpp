@@ -134,10 +134,15 @@ TEST_F(PciBus, CountsWhoHasEnabledAFunction) {
     ENTER_MACHINE(machine_);
     const auto board = machine_.pci(1, 2);
     const std::string enable = board.path() + "/enable";
+    EXPECT_EQ(write(enable, "on"), EINVAL);
+    EXPECT_EQ(write(enable, "0"), EIO) << "it is off";
     EXPECT_EQ(write(enable, "1"), 0);
+    EXPECT_EQ(Machine::read(board.path() + "/irq"), "0\n") << "no driver has been there";
     board.setConfig16(4, 0x0406);
     EXPECT_EQ(write(kDrivers + "uio_kelvaro/new_id", "1b5a 0100"), 0);
     EXPECT_EQ(Machine::read(enable), "2\n");
+    EXPECT_EQ(write(enable, "0"), EBUSY) << "the driver's";
+    EXPECT_NE(Machine::read(board.path() + "/irq"), "0\n");
     EXPECT_EQ(board.config16(4), 0x0406) << "enabled already: the kernel leaves the register alone";
     EXPECT_EQ(write(kDrivers + "uio_kelvaro/unbind", "0000:01:02.0"), 0);
     EXPECT_EQ(Machine::read(enable), "1\n");
