@@ -10,8 +10,8 @@ arm64_sysroot_packages=(
     libgmock-dev libgtest-dev pci.ids
 )
 
-# arm64_apt COMMAND...: runs an apt command that knows the packages for arm64, and as foreign ones those for this machine,
-# and believes nothing to be installed.
+# arm64_apt COMMAND...: runs an apt command that knows the packages for arm64, and as foreign ones those for
+# this machine, and believes nothing to be installed.
 arm64_apt() {
     local state=$root/build/arm64-apt
     if [ ! -e "$state/apt.conf" ]; then
@@ -31,20 +31,21 @@ CONF
     APT_CONFIG=$state/apt.conf "$@"
 }
 
-# arm64_unpack FOLDER PACKAGE...: unpacks the packages, and all that they depend on, into the folder. A folder that holds
-# just these packages stays as it is.
+# arm64_unpack FOLDER PACKAGE...: unpacks the packages, and all that they depend on, into the folder. A folder
+# that holds just these packages stays as it is.
 arm64_unpack() {
     local folder=$1
     shift
     [ "$(cat "$folder/.packages" 2>/dev/null)" != "$*" ] || return 0
     rm -rf "$folder"
     arm64_start "$folder"
-    arm64_apt apt-get install -qq --download-only -o Dir::Cache::archives="$folder.new/.archives" "$@" >/dev/null
+    arm64_apt apt-get install -qq --download-only -o Dir::Cache::archives="$folder.new/.archives" "$@" \
+        >/dev/null
     arm64_finish "$folder" "$*"
 }
 
-# arm64_unpack_kernel: makes build/arm64-kernel of the newest kernel, with its modules and what others are built with, and
-# of the programs of a small system. A kernel that is there stays.
+# arm64_unpack_kernel: makes build/arm64-kernel of the newest kernel, with its modules and what others are
+# built with, and of the programs of a small system. A kernel that is there stays.
 arm64_unpack_kernel() {
     local image headers common kbuild new=$arm64_kernel.new
     [ ! -e "$arm64_kernel/.packages" ] || return 0

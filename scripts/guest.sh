@@ -6,8 +6,8 @@ work=$root/build/system
 built=$root/build/arm64
 PATH=$PATH:/usr/sbin:/sbin # depmod and modprobe, for an ordinary user
 
-# use_boot BOOT: sets what tests/system/boots/BOOT.sh says of the machine, which may use the variables of this file. Call
-# it in a subshell.
+# use_boot BOOT: sets what tests/system/boots/BOOT.sh says of the machine, which may use the variables of this
+# file. Call it in a subshell.
 use_boot() {
     boot=$1
     folder=$work/$boot
@@ -25,15 +25,24 @@ use_boot() {
     . "$sources/boots/$boot.sh"
 }
 
+# lock WHAT [--shared] DESCRIPTOR: locks the open file, and says what it waits for where another run has it.
+lock() {
+    flock --nonblock "${@:2}" || { echo "Waiting for another run $1 ..." && flock "${@:2}"; }
+}
+
 # prepare_guests BOOT...: sysroot, kernel, programs and modules, one run at a time.
 prepare_guests() {
     local wanted
     mkdir -p "$work"
     exec 9>"$root/build/arm64.lock"
-    flock --nonblock 9 || { echo "Waiting for another run to prepare its guests ..." && flock 9; }
+    lock "to prepare its guests" 9
     arm64_unpack "$arm64_sysroot" "${arm64_sysroot_packages[@]}"
     arm64_unpack_kernel
-    wanted=$(for boot in "$@"; do (use_boot "$boot" && printf '%s\n' "${programs[@]}" "${targets[@]}"); done | sort -u)
+    wanted=$(
+        for boot in "$@"; do
+            (use_boot "$boot" && printf '%s\n' "${programs[@]}" "${targets[@]}")
+        done | sort -u
+    )
     # shellcheck disable=SC2086  # one word a target
     build arm64 $wanted
     build_modules
@@ -46,12 +55,16 @@ kernel_release() {
 
 # build_modules: those of simulator/modules, into build/system/modules.
 build_modules() {
-    local log=$work/modules.log headers
+    local log=$work/modules.log headers names
     headers=$arm64_kernel/usr/src/linux-headers-$(kernel_release)
     # As packaged, it names the folder where the package is installed.
     echo "include $(echo "$arm64_kernel"/usr/src/linux-headers-*-common)/Makefile" >"$headers/Makefile"
+    names=$(ls "$root/simulator/modules")
+    # What was built of a file that is gone would stay.
+    [ "$(cat "$work/modules/.names" 2>/dev/null)" = "$names" ] || rm -rf "$work/modules"
     mkdir -p "$work/modules"
     cp -p "$root"/simulator/modules/* "$work/modules"
+    echo "$names" >"$work/modules/.names"
     if ! make -C "$headers" M="$work/modules" ARCH=arm64 CROSS_COMPILE=aarch64-linux-gnu- modules \
         >"$log" 2>&1; then
         tail -n 40 "$log" >&2
@@ -69,17 +82,18 @@ list_tests() {
         awk '/^[^ ]+\.( |$)/ { suite = $1 } /^  / { print suite $1 }'
 }
 
-# write_tests FILTER: the tests of this boot into $folder/tests, each after its program.
-write_tests() {
+# list_boot FILTER: the tests of this boot, each after its program.
+list_boot() {
     local program
     for program in "${programs[@]}"; do
         list_tests "$program" "$1" | sed "s/^/$program /"
-    done >"$folder/tests"
+    done
 }
 
 # needed_libraries TREE: what the programs and libraries in the tree name as needed.
 needed_libraries() {
-    find "$1" -path "$1/lib/modules" -prune -o -type f -print0 | xargs -0 aarch64-linux-gnu-readelf -d 2>/dev/null |
+    find "$1" -path "$1/lib/modules" -prune -o -type f -print0 |
+        xargs -0 aarch64-linux-gnu-readelf -d 2>/dev/null |
         sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort -u
 }
 
@@ -160,8 +174,9 @@ pack_guest() {
 # Seconds that a machine may be silent: the guest gives no test more than 60.
 silence=90
 
-# start_guest: boots the machine, whose process is $machine afterwards. It ends by itself: when the tests are done, where
-# the kernel panics, and when its time is over. The console is the first serial port, whatever a boot adds.
+# start_guest: boots the machine, whose process is $machine afterwards. It ends by itself: when the tests are
+# done, where the kernel panics, and when its time is over. The console is the first serial port, whatever a
+# boot adds.
 start_guest() {
     local arguments
     arguments=("${qemu[@]}" -display none -no-reboot
@@ -170,20 +185,24 @@ start_guest() {
     [[ " ${qemu[*]} " == *" -m "* ]] || arguments+=(-m 1G)
     {
         printf '#!/bin/sh\nexec'
-        printf ' %q' qemu-system-aarch64 -serial mon:stdio "${arguments[@]}" -append "$append panic=-1 kv.shell"
+        printf ' %q' qemu-system-aarch64 -serial mon:stdio "${arguments[@]}" \
+            -append "$append panic=-1 kv.shell"
         echo
     } >"$folder/boot"
     chmod +x "$folder/boot"
     : >"$folder/console.log"
     # Of the kernel's messages only its last words may come between the lines of the tests.
-    timeout "$limit" qemu-system-aarch64 -serial "file:$folder/console.log" -monitor none "${arguments[@]}" \
-        -append "$append panic=-1 loglevel=1" >"$folder/qemu.log" 2>&1 </dev/null 8>&- &
+    timeout -k 10 "$limit" qemu-system-aarch64 -serial "file:$folder/console.log" -monitor none \
+        "${arguments[@]}" -append "$append panic=-1 loglevel=1" >"$folder/qemu.log" 2>&1 </dev/null 8>&- &
     machine=$!
 }
 
 # end_silent_guest: waits until the machine has ended, and tells timeout that its time is over where it hangs.
 end_silent_guest() {
     while sleep 1 && kill -0 "$machine" 2>/dev/null; do
-        [ $(($(date +%s) - $(stat -c %Y "$folder/console.log"))) -lt "$silence" ] || kill -ALRM "$machine"
+        if [ $(($(date +%s) - $(stat -c %Y "$folder/console.log"))) -ge "$silence" ]; then
+            kill -ALRM "$machine" 2>/dev/null || true # it may have ended by now
+            return
+        fi
     done
 }

@@ -3,12 +3,11 @@
  * A PCI host for machines that have none, with the functions of a table.
  *
  * table=FILE:     The table, below /lib/firmware.
- * memory=ADDRESS: Memory that the kernel was told to leave alone, at a multiple
- *                 of 1 MiB. It stands behind the memory BARs, from the lowest
- *                 one in the table on. Without it the functions have no BARs.
+ * memory=ADDRESS: Memory that the kernel was told to leave alone, at a multiple of 1 MiB. It stands behind
+ *                 the memory BARs, from the lowest one in the table on. Without it the functions have no
+ *                 BARs.
  *
- * The table is written as lspci -xxx writes it, with the size of each BAR
- * added:
+ * The table is written as lspci -xxx writes it, with the size of each BAR added:
  *
  *   # a comment; empty lines are passed over, too
  *   09:00.0 whatever lspci tells, it is not looked at
@@ -17,13 +16,12 @@
  *   bar 0: 1000
  *   bar 2: 100000
  *
- * Everything is hexadecimal. Rows of zeros may be left out, and rows may go up
- * to fff. A bridge is a function whose header says so: bus numbers and windows
- * stand in its bytes, and stay as they are. "pci_table MACHINE" prints the
- * table of a simulated machine.
+ * Everything is hexadecimal. Rows of zeros may be left out, and rows may go up to fff. A bridge is a function
+ * whose header says so: bus numbers and windows stand in its bytes, and stay as they are. "pci_table MACHINE"
+ * prints the table of a simulated machine.
  *
- * A function with an interrupt pin can interrupt: kv_pci_line.c tells how. The
- * module kv_pci_ethernet drives the Ethernet controllers.
+ * A function with an interrupt pin can interrupt: kv_pci_line.c tells how. The module kv_pci_ethernet drives
+ * the Ethernet controllers.
  */
 #include <linux/firmware.h>
 #include <linux/module.h>
@@ -88,8 +86,7 @@ static int kv_map_irq(const struct pci_dev *dev, u8 slot, u8 pin)
 	return function ? kv_pci_map_line(function) : 0;
 }
 
-/* The addresses on the bus that the memory BARs cover, in whole units of a
- * bridge's window. */
+/* The addresses on the bus that the memory BARs cover, in whole units of a bridge's window. */
 static void kv_find_range(u64 *first, u64 *end)
 {
 	struct kv_function *function;

@@ -66,8 +66,7 @@ static u8 kv_bridge_writable(unsigned int where)
 	}
 }
 
-/* Which bits of a byte software may write. All others keep what the table says.
- */
+/* Which bits of a byte software may write. All others keep what the table says. */
 static u8 kv_writable(const struct kv_function *function, unsigned int where)
 {
 	unsigned int bar = (where - PCI_BASE_ADDRESS_0) / 4;
@@ -127,7 +126,7 @@ static struct kv_function *kv_add_function(struct list_head *functions, unsigned
 {
 	struct kv_function *function;
 
-	if (bus > 0xff || devfn > 0xff || kv_pci_find_function(functions, bus, devfn))
+	if (bus > 0xff || kv_pci_find_function(functions, bus, devfn))
 		return NULL;
 	function = kzalloc(sizeof(*function), GFP_KERNEL);
 	if (!function)
@@ -158,12 +157,15 @@ static int kv_parse_line(const char *line, struct list_head *functions)
 	unsigned int bus, slot, number, where, bar;
 	struct kv_function *function;
 	unsigned long long size;
-	int length;
+	int length = 0;
 
 	if (*line == '\0' || *line == '#')
 		return 0;
-	if (sscanf(line, "%x:%x.%x", &bus, &slot, &number) == 3)
+	if (sscanf(line, "%x:%x.%x", &bus, &slot, &number) == 3) {
+		if (slot > 31 || number > 7)
+			return -EINVAL;
 		return kv_add_function(functions, bus, PCI_DEVFN(slot, number)) ? 0 : -EINVAL;
+	}
 	if (list_empty(functions))
 		return -EINVAL;
 	function = list_last_entry(functions, struct kv_function, list);
@@ -173,7 +175,7 @@ static int kv_parse_line(const char *line, struct list_head *functions)
 		function->bar_size[bar] = size;
 		return 0;
 	}
-	if (sscanf(line, "%x:%n", &where, &length) == 1)
+	if (sscanf(line, "%x:%n", &where, &length) == 1 && length)
 		return kv_parse_bytes(function, where, line + length);
 	return -EINVAL;
 }
@@ -192,9 +194,7 @@ int kv_pci_parse_table(const char *text, size_t length, struct list_head *functi
 		++number;
 		ret = kv_parse_line(line, functions);
 		if (ret)
-			pr_err("kv_pci_host: line %u of the table is not "
-			       "understood: %s\n",
-			       number, line);
+			pr_err("kv_pci_host: line %u of the table is not understood: %s\n", number, line);
 	}
 	kfree(copy);
 	return ret;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* A network interface for each Ethernet controller on a PCI bus that no other
- * driver holds. It sends nothing. */
+/* An interface, which sends nothing, for each Ethernet controller on PCI that no other driver holds. */
 #include <linux/etherdevice.h>
 #include <linux/module.h>
 #include <linux/pci.h>

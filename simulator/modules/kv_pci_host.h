@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The functions of the PCI host, as its parts see them: what the table says,
- * what software has written, and the interrupt line.
+ * The functions of the PCI host, as its parts see them: what the table says, what software has written, and
+ * the interrupt line.
  */
 #ifndef KV_PCI_HOST_H
 #define KV_PCI_HOST_H
@@ -12,16 +12,14 @@
 #include <linux/smp.h>
 #include <linux/wait.h>
 
-/* The INTx line of one function, and the program that stands for the board, if
- * any. */
+/* The INTx line of one function, and the program that stands for the board, if any. */
 struct kv_line {
 	unsigned int number; /* hardware interrupt in the host's domain */
 	unsigned int cpu;    /* that serves it */
 	bool masked;	     /* by the interrupt core */
 	bool asserted;
 	bool attended;	  /* a program holds the line's file */
-	u32 unmasks;	  /* how often the command register let the interrupt through
-			     again */
+	u32 unmasks;	  /* how often the command register let the interrupt through again */
 	u32 unmasks_seen; /* by the program */
 	wait_queue_head_t unmasked;
 	struct irq_work raise;
@@ -33,8 +31,7 @@ struct kv_function {
 	unsigned int bus;
 	unsigned int devfn;
 	u64 bar_size[PCI_STD_NUM_BARS];
-	raw_spinlock_t lock; /* for what follows; taken inside the lock of
-				configuration accesses */
+	raw_spinlock_t lock; /* for what follows; taken inside the lock of configuration accesses */
 	u8 config[PCI_CFG_SPACE_EXP_SIZE];
 	struct kv_line line;
 };

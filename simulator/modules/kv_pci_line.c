@@ -1,23 +1,19 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * The INTx lines of the functions: level-triggered, each an interrupt of its
- * own.
+ * The INTx lines of the functions: level-triggered, each an interrupt of its own.
  *
- * <debugfs>/kv_pci_host/0000:BB:SS.F is the line as the board holds it. A
- * program that stands for the board opens it, one at a time:
+ * <debugfs>/kv_pci_host/0000:BB:SS.F is the line as the board holds it. A program that stands for the board
+ * opens it, one at a time:
  *
- * read:  A u32, how often Interrupt Disable was cleared in the command register
- *        since the file was opened. Waits until that is more than the program
- *        has said it has seen; poll() tells.
- * write: Two u32: the count that the program has seen, and whether the board
- *        asserts its line.
+ * read:  A u32, how often Interrupt Disable was cleared in the command register since the file was opened.
+ *        Waits until that is more than the program has said it has seen; poll() tells.
+ * write: Two u32: the count that the program has seen, and whether the board asserts its line.
  *
  * When the file is closed the line is released.
  *
- * What a driver writes reaches a board in order: when the command register lets
- * the interrupt through again, the board has seen what was written to its
- * registers before, and may have released its line. A program sees it later. So
- * the line has no effect from then until the program has seen that count.
+ * What a driver writes reaches a board in order: when the command register lets the interrupt through again,
+ * the board has seen what was written to its registers before, and may have released its line. A program sees
+ * it later. So the line has no effect from then until the program has seen that count.
  */
 #include <linux/debugfs.h>
 #include <linux/interrupt.h>

@@ -240,6 +240,14 @@ static struct kv_buffer *kv_find_buffer(const char *name)
 	return NULL;
 }
 
+/* Pages that are not from the area for contiguous memory have no reference each, and can't be mapped. */
+static bool kv_can_be_mapped(struct kv_buffer *buffer)
+{
+	unsigned long last = PHYS_PFN(dma_to_phys(buffer->owner, buffer->address) + buffer->size - 1);
+
+	return page_count(pfn_to_page(last)) > 0;
+}
+
 static int kv_create(const char *name, size_t size, struct device *owner)
 {
 	struct kv_buffer *buffer;
@@ -272,7 +280,7 @@ static int kv_create(const char *name, size_t size, struct device *owner)
 		goto put;
 	buffer->memory =
 		dma_alloc_coherent(owner, PAGE_ALIGN(size), &buffer->address, GFP_KERNEL | __GFP_NOWARN);
-	ret = buffer->memory ? device_add(&buffer->dev) : -ENOMEM;
+	ret = buffer->memory && kv_can_be_mapped(buffer) ? device_add(&buffer->dev) : -ENOMEM;
 	if (ret)
 		goto put;
 	buffer->debug = debugfs_create_file(name, 0444, kv_debug, buffer, &kv_mapping_fops);

@@ -4,8 +4,8 @@
  * no board by itself: ids come through new_id.
  *
  * The interrupt is disabled in the board's command register each time that it
- * arrives. User space enables it again, in that register or, where it has asked
- * for an interrupt fix, in a register of the board.
+ * arrives, and stays so until user space enables it there again. An interrupt
+ * fix changes nothing of that: what was asked for is kept and shown, no more.
  */
 #include <linux/interrupt.h>
 #include <linux/module.h>

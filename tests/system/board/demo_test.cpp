@@ -3,6 +3,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +33,7 @@ class Boards {
         }
         pid_ = ::fork();
         if (pid_ == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::dup2(ends[1], STDOUT_FILENO);
             ::execlp("system_board", "system_board", "/etc/ember.yaml", nullptr);
             ::_exit(127);
@@ -42,8 +44,10 @@ class Boards {
         ::close(ends[0]);
     }
     ~Boards() {
-        ::kill(pid_, SIGTERM);
-        ::waitpid(pid_, nullptr, 0);
+        if (pid_ > 0) {
+            ::kill(pid_, SIGTERM);
+            ::waitpid(pid_, nullptr, 0);
+        }
     }
     Boards(const Boards&) = delete;
     Boards& operator=(const Boards&) = delete;

@@ -1,12 +1,12 @@
-# The target with the boards of the simulated machine ember, and the example model on them. QEMU's machine has no PCI:
-# kv_pci_host stands for the host, system_board for what the boards do.
+# The target with the boards of the simulated machine ember, and the example model on them. QEMU's machine has
+# no PCI: kv_pci_host stands for the host, system_board for what the boards do.
 # shellcheck shell=bash disable=SC2034
 
 . "$sources/device_tree.sh"
 
 qemu=(-M xlnx-zcu102 -audiodev none,id=none -dtb "$folder/zcu102.dtb")
-# The machine's time goes by what it has executed, however fast it is emulated: 2 ns for an instruction of any of its
-# processors. So it keeps up with its boards, of which one interrupts every millisecond.
+# The machine's time goes by what it has executed, however fast it is emulated: 2 ns for an instruction of any
+# of its processors. So it keeps up with its boards, of which one interrupts every millisecond.
 qemu+=(-icount shift=1,sleep=off)
 # The memory above is the boards'.
 append="console=ttyPS0 mem=960M"
@@ -18,6 +18,7 @@ modules=(
     "kv_pci_host table=ember.pci memory=0x3c000000"
 )
 programs=(system_demo)
+targets=(pci_tables system_board control_loop control_loop_uuid)
 files=(
     "$built/tests/system/board/ember.pci:/lib/firmware/ember.pci"
     "$built/tests/system/board/system_board:/bin/system_board"

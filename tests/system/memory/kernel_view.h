@@ -2,23 +2,16 @@
 
 #include <cstdint>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <unistd.h>
 
+#include "system/kernel_files.h"
+
 namespace kv::test {
 
 constexpr std::size_t kPageBytes = 4096;
-
-/** A file of the kernel's; empty where it cannot be read. */
-inline std::string kernelText(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 /** The number that a file has at a place, such as one of a page frame; empty where it has none. */
 inline std::optional<uint64_t> kernelNumberAt(const char* path, uint64_t index) {
@@ -31,7 +24,7 @@ inline std::optional<uint64_t> kernelNumberAt(const char* path, uint64_t index) 
 
 /** What this process has mapped of a file, as lines of /proc/self/maps without the inode. */
 inline std::string mappingsOf(const std::string& path) {
-    std::istringstream maps(kernelText("/proc/self/maps"));
+    std::istringstream maps(readText("/proc/self/maps"));
     std::string found;
     for (std::string line; std::getline(maps, line);) {
         std::istringstream words(line);

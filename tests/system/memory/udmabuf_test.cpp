@@ -23,9 +23,9 @@ using kv::test::debug;
 using kv::test::error;
 using kv::test::inChild;
 using kv::test::info;
-using kv::test::kernelText;
 using kv::test::kPageBytes;
 using kv::test::mappingsOf;
+using kv::test::readText;
 using testing::ElementsAre;
 
 namespace {
@@ -36,7 +36,7 @@ constexpr const char* kCachedBuffer = "cached-buffer-pcie";
 constexpr std::size_t kMebibyte = 0x100000;
 
 std::string attribute(const std::string& buffer, const std::string& name) {
-    return kernelText("/sys/class/u-dma-buf/" + buffer + "/" + name);
+    return readText("/sys/class/u-dma-buf/" + buffer + "/" + name);
 }
 
 uintptr_t physicalAddressOf(const std::string& buffer) {
@@ -45,7 +45,7 @@ uintptr_t physicalAddressOf(const std::string& buffer) {
 
 /** How the driver was last asked to map a buffer. */
 std::string mappingOf(const std::string& buffer) {
-    return kernelText("/sys/kernel/debug/kv_udmabuf/" + buffer);
+    return readText("/sys/kernel/debug/kv_udmabuf/" + buffer);
 }
 
 std::vector<std::string> buffers() {
@@ -65,7 +65,7 @@ void command(const std::string& line) {
 
 /** Contiguous memory that nobody has, in kB. */
 long freeContiguousKilobytes() {
-    const std::string memory = kernelText("/proc/meminfo");
+    const std::string memory = readText("/proc/meminfo");
     const std::size_t place = memory.find("CmaFree:");
     return place == std::string::npos ? -1 : std::stol(memory.substr(place + std::strlen("CmaFree:")));
 }
@@ -118,10 +118,10 @@ TEST_F(Udmabuf, GivesEachUncachedRequestContiguousMemoryOfItsOwn) {
             static_cast<unsigned char*>(kv_allocPhysicalMemory_v2_uncached(request, &physical));
         ASSERT_NE(memory, nullptr) << request;
         const std::string name = "kv-udma-buf" + std::to_string(index++);
-        EXPECT_EQ(attribute(name, "size"), std::to_string(size) + "\n");
+        EXPECT_EQ(attribute(name, "size"), std::to_string(size));
         EXPECT_EQ(physicalAddressOf(name), physical);
-        EXPECT_EQ(attribute(name, "sync_mode"), "2\n");
-        EXPECT_EQ(mappingOf(name), "write-combined\n");
+        EXPECT_EQ(attribute(name, "sync_mode"), "2");
+        EXPECT_EQ(mappingOf(name), "write-combined");
         struct stat status {};
         EXPECT_EQ(::stat(("/dev/" + name).c_str(), &status), 0);
         EXPECT_EQ(status.st_mode, mode_t{S_IFCHR | 0666});
@@ -183,7 +183,7 @@ TEST_F(Udmabuf, CutsTheBufferOfTheBootForCachedRequests) {
     const uintptr_t start = physicalAddressOf(kCachedBuffer);
     const std::size_t size = std::stoul(attribute(kCachedBuffer, "size"));
     ASSERT_EQ(size, 4 * kMebibyte);
-    EXPECT_EQ(attribute(kCachedBuffer, "dma_coherent"), "1\n");
+    EXPECT_EQ(attribute(kCachedBuffer, "dma_coherent"), "1");
 
     // It is mapped again after the last block was freed.
     for (int round = 0; round < 2; ++round) {
@@ -202,7 +202,7 @@ TEST_F(Udmabuf, CutsTheBufferOfTheBootForCachedRequests) {
         uintptr_t physical = 1;
         EXPECT_EQ(kv_allocPhysicalMemory_v2(kMebibyte, &physical), nullptr) << "there is less than that left";
         EXPECT_EQ(physical, 0U);
-        EXPECT_EQ(mappingOf(kCachedBuffer), "cached\n");
+        EXPECT_EQ(mappingOf(kCachedBuffer), "cached");
         EXPECT_EQ(std::ranges::count(mappingsOf(std::string("/dev/") + kCachedBuffer), '\n'), 1);
         std::ranges::for_each(blocks, kv_freePhysicalMemory);
         EXPECT_EQ(mappingsOf(std::string("/dev/") + kCachedBuffer), "") << "nobody has a block";

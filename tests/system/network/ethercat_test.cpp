@@ -15,7 +15,7 @@ using kv::test::error;
 using kv::test::functionAt;
 using kv::test::interfaceOf;
 using kv::test::ModulePort;
-using kv::test::textOf;
+using kv::test::readText;
 using kv::test::translation;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -34,8 +34,7 @@ std::string driverAt(const std::string& place) {
 
 /** Marks an interface as ready, as udev does soon after the kernel has made it. */
 void markAsReady(const std::string& interface) {
-    std::string number = textOf("/sys/class/net/" + interface + "/ifindex");
-    std::ofstream("/run/udev/data/n" + number.substr(0, number.find('\n'))) << "I:1\n";
+    std::ofstream("/run/udev/data/n" + readText("/sys/class/net/" + interface + "/ifindex")) << "I:1\n";
 }
 
 TEST(Ethercat, HasTheControllerOfAPortUntilItGivesItBack) {

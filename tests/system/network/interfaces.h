@@ -2,33 +2,18 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <kv/diagnostics.h>
 
 #include "support/log_capture.h"
+#include "system/kernel_files.h"
 
 namespace kv::test {
 
-inline std::string textOf(const std::filesystem::path& file) {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
 inline std::string translation() {
-    return textOf("/usr/kelvaro/sysinfo/ethTranslateFile.txt");
-}
-
-/** The network interface that the kernel has for a device; empty where it has none. */
-inline std::string interfaceOf(const std::filesystem::path& device) {
-    std::error_code none;
-    const std::filesystem::directory_iterator interfaces(device / "net", none);
-    return none || interfaces == std::filesystem::directory_iterator()
-               ? ""
-               : interfaces->path().filename().string();
+    return readText("/usr/kelvaro/sysinfo/ethTranslateFile.txt");
 }
 
 /** The PCI function at a place, such as "0b:00.0". */

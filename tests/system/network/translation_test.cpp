@@ -16,8 +16,8 @@ using kv::test::chipInterfaces;
 using kv::test::functionAt;
 using kv::test::interfaceOf;
 using kv::test::kBlazeModulePorts;
+using kv::test::readText;
 using kv::test::shell;
-using kv::test::textOf;
 using kv::test::translation;
 using kv::utils::formatString;
 
@@ -59,19 +59,19 @@ TEST(EthernetTranslation, PutsTheChipsPortsBeforeThoseOfModules) {
 
 /** As the kernel writes it. */
 std::string addressText(const Mac& mac) {
-    return formatString("%02x:%02x:%02x:%02x:%02x:%02x\n", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+    return formatString("%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
 }
 
 TEST(HostLink, HasTheAddressOfTheChipsFirstInterface) {
     const std::string interface = chipInterfaces().front();
-    const std::string address = textOf("/sys/class/net/" + interface + "/address");
+    const std::string address = readText("/sys/class/net/" + interface + "/address");
     const Mac untouched = {0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA};
     const struct {
         std::string changes; /**< before it is looked at */
         std::string name;
         std::string address;
     } cases[] = {{"down", interface, address},
-                 {"name uplink address 02:00:5e:10:20:30 up", "uplink", "02:00:5e:10:20:30\n"}};
+                 {"name uplink address 02:00:5e:10:20:30 up", "uplink", "02:00:5e:10:20:30"}};
     for (const auto& each : cases) {
         SCOPED_TRACE(each.changes);
         const auto changed = shell("ip link set " + interface + " " + each.changes);

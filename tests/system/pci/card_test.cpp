@@ -6,9 +6,9 @@
 #include "pci_kernel.h"
 
 using kv::test::Board;
+using kv::test::interfaceOf;
 using kv::test::KernelFunction;
 using kv::test::readText;
-using kv::test::writeText;
 using testing::SizeIs;
 
 namespace {
@@ -36,15 +36,9 @@ TEST(SerialCard, HasItsPortsInTheOrderOfTheirAddresses) {
     EXPECT_EQ(kv_findSerialDeviceByPci(&controller, 0, node.data(), node.size()), -1);
 }
 
-/** The first interface of a function; empty where no driver has made one. */
-std::string interfaceOf(const KernelFunction& function) {
-    const auto interfaces = function.devices("net");
-    return interfaces.empty() ? "" : interfaces.front();
-}
-
 TEST(EthernetTranslation, NumbersThePortsOfAModuleBehindASwitch) {
     const char* kFile = "/usr/kelvaro/sysinfo/ethTranslateFile.txt";
-    // In bus order: an onboard pair, the module, one that has no entry but counts, two cards without a
+    // In bus order: an onboard pair, the module, two that have no entry but count, two cards without a
     // driver, and another onboard one.
     const char* labels[] = {"Hostlink", "ETH1",  "NMF_1Port4", "NMF_1Port3", "NMF_1Port2", "NMF_1Port1",
                             nullptr,    nullptr, "ETH2",       "ETH3",       "Onboard"};
@@ -57,7 +51,9 @@ TEST(EthernetTranslation, NumbersThePortsOfAModuleBehindASwitch) {
     ASSERT_EQ(controllers.size(), std::size(labels));
     std::string expected;
     for (std::size_t i = 0; i < controllers.size(); ++i) {
-        const std::string interface = interfaceOf(controllers[i]);
+        const std::string interface = interfaceOf(controllers[i].path("."));
+        EXPECT_EQ(interface == "", controllers[i].number("device") == deviceOf(Board::kSmallBar))
+            << controllers[i];
         if (labels[i] != nullptr) {
             expected += kv::utils::formatString("%s:%zu:%s;", interface.c_str(), i, labels[i]);
         }

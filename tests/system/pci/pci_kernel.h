@@ -20,6 +20,7 @@
 #include <kv/pci.h>
 
 #include "support/log_capture.h"
+#include "system/kernel_files.h"
 
 namespace kv::test {
 
@@ -41,16 +42,6 @@ constexpr uint16_t vendorOf(Board board) {
 }
 constexpr uint16_t deviceOf(Board board) {
     return static_cast<uint16_t>(board & 0xFFFF);
-}
-
-/** A file's text without its line end; empty where it cannot be read. */
-inline std::string readText(const std::filesystem::path& file) {
-    std::ifstream stream(file);
-    std::string text((std::istreambuf_iterator<char>(stream)), {});
-    while (!text.empty() && text.back() == '\n') {
-        text.pop_back();
-    }
-    return text;
 }
 
 /** Writes a text at once. @return 0 or the errno value */

@@ -9,6 +9,7 @@
 #include <random>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -199,7 +200,10 @@ TEST_F(SerialLine, WaitsForItsFarEndWithFlowControl) {
     EXPECT_EQ(queued(fd), 4);
 
     EXPECT_EQ(kv_serial_device_flush(kPort, 3), 0);
-    const pid_t child = kv::test::startChild([] { kv_serial_device_config(kPort, B115200, 4, None, 1, 0); });
+    const pid_t child = kv::test::startChild([] {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        kv_serial_device_config(kPort, B115200, 4, None, 1, 0);
+    });
     EXPECT_TRUE(waitsForACarrier(child));
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
