@@ -34,25 +34,21 @@ static int kelvaro_irqcontrol(struct uio_info *uio, s32 value)
 {
 	struct kelvaro *board = uio->priv;
 
-	if (board->fix_writes == ARRAY_SIZE(board->fix))
-		board->fix_writes = 0;
-	board->fix[board->fix_writes++] = value;
+	board->fix[board->fix_writes++ % ARRAY_SIZE(board->fix)] = value;
 	return 0;
 }
 
-/* The interrupt fix as it was asked for: "TYPE MASK", or nothing. */
-static ssize_t interrupt_fix_show(struct device *dev, struct device_attribute *attr, char *buf)
+/* The interrupt fix as it was asked for: "WRITES TYPE MASK". */
+static ssize_t fix_show(struct device *dev, struct device_attribute *attr, char *buf)
 {
 	struct kelvaro *board = dev_get_drvdata(dev);
 
-	if (board->fix_writes != ARRAY_SIZE(board->fix))
-		return 0;
-	return sysfs_emit(buf, "%u 0x%08x\n", board->fix[0], board->fix[1]);
+	return sysfs_emit(buf, "%u 0x%x 0x%x\n", board->fix_writes, board->fix[0], board->fix[1]);
 }
-static DEVICE_ATTR_RO(interrupt_fix);
+static DEVICE_ATTR_RO(fix);
 
 static struct attribute *kelvaro_attrs[] = {
-	&dev_attr_interrupt_fix.attr,
+	&dev_attr_fix.attr,
 	NULL,
 };
 ATTRIBUTE_GROUPS(kelvaro);

@@ -76,7 +76,7 @@ static inline void analogBoard_orderMemory(void) {
 #ifdef __aarch64__
     __asm__ volatile("dmb osh" ::: "memory");
 #else
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    __asm__ volatile("" ::: "memory"); /* x86-64 keeps this order, the compiler need not */
 #endif
 }
 

@@ -322,7 +322,7 @@ TEST_F(Interrupt, IsEnabledInTheBoardOnceTheFixIsOn) {
                            .int_mask = kInterruptWhenDone,
                            .fix_type = 3};
     EXPECT_EQ(kv_uio_interruptEnableFix(context.get()), 0);
-    EXPECT_EQ(board.text("interrupt_fix"), "3 0x00000080") << "as the driver has taken it";
+    EXPECT_EQ(board.text("fix"), "2 0x3 0x80") << "as the driver has taken it";
     const uint16_t command = board.config16(kCommand);  // masks the interrupt: this driver only keeps the fix
     enable(context);
     EXPECT_EQ(*now & kInterruptWhenDone, kInterruptWhenDone);
