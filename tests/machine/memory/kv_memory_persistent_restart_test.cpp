@@ -130,7 +130,12 @@ TEST_F(PersistentMemoryAfterRestart, IsWholeWheneverTheWriterIsKilled) {
     for (int round = 0; round < 100; ++round) {
         auto& journal = sharedWithChildren<Journal>();
         const pid_t writer = startChild([&] { writeUntilKilled(journal); });
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 4000));
+        // At any moment; mostly after some records, however slow the machine is.
+        const int progress = static_cast<int>(random() % 80) - 20;
+        while (journal.completed < progress) {
+            std::this_thread::yield();
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
         ::kill(writer, SIGKILL);
         waitFor(writer);
         completed += journal.completed;
