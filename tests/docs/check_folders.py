@@ -11,6 +11,7 @@ import re
 import sys
 
 OUTSIDE = "libkv/include"
+SHARED = {"brevane": "brevane", "kvsim": "simulator", "command_line": "tools/command_line"}  # by how includes begin
 root = pathlib.Path(sys.argv[1])
 table = root / "docs" / "architecture.md"
 
@@ -29,8 +30,8 @@ def owner_of(header, folder):
     first = header.split("/")[0]
     if first == "kv":
         return owners.get(header) if folder.startswith("libkv/") else OUTSIDE
-    if first in ("brevane", "kvsim"):
-        return {"kvsim": "simulator"}.get(first, first)
+    if first in SHARED:
+        return SHARED[first]
     return f"libkv/{first}" if (root / "libkv" / header).is_file() else None
 
 

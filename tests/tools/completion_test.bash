@@ -27,7 +27,7 @@ cd "$work" || exit 1
 mkdir folder
 touch mine.yaml notes.txt folder/other.yaml
 
-offers '--help check list run' kvsim ''
+offers '--help --version check list run' kvsim ''
 offers 'bare blaze' kvsim check b
 offers 'bare blaze ember folder mine.yaml' kvsim run ''
 offers 'folder/other.yaml' kvsim run folder/
@@ -38,7 +38,7 @@ offers 'ember' kvsim run --state = folder e
 offers 'kvctl' kvsim run ember kvct
 offers 'notes.txt' kvsim run ember -- cat n
 
-offers '--help eth info pci serial time' kvctl ''
+offers '--help --version eth info pci serial time' kvctl ''
 offers '--json' kvctl pci --j
 offers '--help --json --write' kvctl eth -
 

@@ -28,7 +28,7 @@ fi
 text=$(MANWIDTH=110 MAN_KEEP_FORMATTING='' man -E ascii -l "$page")
 
 commands=$("$program" --help | sed -n '/^Subcommands:/,$ s/^  \([a-z]\+\) .*/\1/p' | sort)
-same commands "$commands" "$(section SYNOPSIS | sed -n "s/^ *$name \([a-z]*\).*/\1/p" | sort)"
+same commands "$commands" "$(section SYNOPSIS | sed -n "s/^ *$name \([a-z]\+\).*/\1/p" | sort)"
 same commands "$commands" "$(section COMMANDS | sed -n 's/^ \{7\}\([a-z]\+\).*/\1/p' | sort)"
 
 options=$(for command in '' $commands; do

@@ -77,7 +77,7 @@ _kvsim() {
             ;;
         '')
             commands=$("$program" --help 2>/dev/null | sed -n '/^Subcommands:/,$ s/^  \([a-z]\+\) .*/\1/p')
-            mapfile -t COMPREPLY < <(compgen -W "$commands --help" -- "$cur")
+            mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$cur")
             ;;
     esac
 }

@@ -41,9 +41,9 @@ std::optional<std::string> firstLineOf(const std::string& path, Problems& proble
     return text ? std::optional(text->substr(0, text->find('\n'))) : std::nullopt;
 }
 
-std::shared_ptr<const bool> addJsonFlag(CLI::App& command) {
+std::shared_ptr<const bool> addJsonFlag(command_line::Command& command) {
     auto asJson = std::make_shared<bool>(false);
-    command.add_flag("--json", *asJson, "Print JSON for programs");
+    command.addFlag("--json", *asJson, "Print JSON for programs");
     return asJson;
 }
 

@@ -5,8 +5,9 @@
 #include <string>
 #include <vector>
 
-#include <CLI/App.hpp>
 #include <nlohmann/json.hpp>
+
+#include "command_line/command_line.h"
 
 namespace kvctl {
 
@@ -17,7 +18,8 @@ class Problems {
  public:
     /** @param what  the file in question, where it is one */
     void report(const std::string& what, const std::string& reason);
-    bool any() const { return any_; }
+    /** The exit status of the program: 1 where anything was reported. */
+    int status() const { return any_ ? 1 : 0; }
 
  private:
     bool any_ = false;
@@ -30,7 +32,7 @@ std::optional<std::string> contentsOf(const std::string& path, Problems& problem
 std::optional<std::string> firstLineOf(const std::string& path, Problems& problems);
 
 /** Adds `--json` to a command. */
-std::shared_ptr<const bool> addJsonFlag(CLI::App& command);
+std::shared_ptr<const bool> addJsonFlag(command_line::Command& command);
 
 /** Prints JSON for programs; what is no UTF-8 in it is replaced. */
 void printJson(const Json& value);

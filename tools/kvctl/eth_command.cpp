@@ -124,15 +124,18 @@ void showPorts(bool asJson, bool write, Problems& problems) {
 
 }  // namespace
 
-void addEthCommand(CLI::App& app, Problems& problems) {
-    CLI::App* command = app.add_subcommand(
+void addEthCommand(command_line::Program& program, Problems& problems) {
+    command_line::Command& command = program.addCommand(
         "eth", "Show which network interface is which connector, as the translation file has it");
-    const auto asJson = addJsonFlag(*command);
+    const auto asJson = addJsonFlag(command);
     auto write = std::make_shared<bool>(false);
-    command->add_flag("--write", *write, std::string("Write ") + kTranslationFile + " first");
-    command->footer(
+    command.addFlag("--write", *write, std::string("Write ") + kTranslationFile + " first");
+    command.setFooter(
         "The index is the controller's position among the PCI Ethernet controllers, -1 for the chip's own.");
-    command->callback([asJson, write, &problems] { showPorts(*asJson, *write, problems); });
+    command.setAction([asJson, write, &problems] {
+        showPorts(*asJson, *write, problems);
+        return problems.status();
+    });
 }
 
 }  // namespace kvctl

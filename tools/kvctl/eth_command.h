@@ -5,6 +5,6 @@
 namespace kvctl {
 
 /** Adds `kvctl eth`: which network interface is which connector. */
-void addEthCommand(CLI::App& app, Problems& problems);
+void addEthCommand(command_line::Program& program, Problems& problems);
 
 }  // namespace kvctl

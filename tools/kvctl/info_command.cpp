@@ -121,14 +121,15 @@ void print(const Information& information) {
 
 }  // namespace
 
-void addInfoCommand(CLI::App& app, Problems& problems) {
-    CLI::App* command = app.add_subcommand(
+void addInfoCommand(command_line::Program& program, Problems& problems) {
+    command_line::Command& command = program.addCommand(
         "info", "Show type, name, serial numbers, temperature, CPUs, library version and screen");
-    const auto asJson = addJsonFlag(*command);
-    command->footer("A machine has one serial number, of one of the three kinds.");
-    command->callback([asJson, &problems] {
+    const auto asJson = addJsonFlag(command);
+    command.setFooter("A machine has one serial number, of one of the three kinds.");
+    command.setAction([asJson, &problems] {
         const Information information = readInformation(problems);
         *asJson ? printJson(toJson(information)) : print(information);
+        return problems.status();
     });
 }
 

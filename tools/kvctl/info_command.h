@@ -5,6 +5,6 @@
 namespace kvctl {
 
 /** Adds `kvctl info`: what machine this is. */
-void addInfoCommand(CLI::App& app, Problems& problems);
+void addInfoCommand(command_line::Program& program, Problems& problems);
 
 }  // namespace kvctl

@@ -1,10 +1,9 @@
 #include <exception>
 #include <iostream>
 
-#include <CLI/CLI.hpp>
-
 #include <brevane/Logger.h>
 
+#include "command_line/command_line.h"
 #include "eth_command.h"
 #include "info_command.h"
 #include "pci_command.h"
@@ -13,35 +12,28 @@
 
 namespace {
 
+constexpr const char* kName = "kvctl";
 constexpr int kFailed = 1;
-constexpr int kUsageError = 2;
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{
-        "Shows what the hardware-support library sees of this machine.\n"
-        "Exit status: 0 good, 1 something is missing or failed, 2 wrong usage.\n"
-        "What is missing is named on standard error; the rest is shown all the same."};
-    app.require_subcommand(1);
+    command_line::Program program(kName,
+                                  "Shows what the hardware-support library sees of this machine.\n"
+                                  "Exit status: 0 good, 1 something is missing or failed, 2 wrong usage.\n"
+                                  "What is missing is named on standard error; the rest is shown.");
     kvctl::Problems problems;
-    kvctl::addInfoCommand(app, problems);
-    kvctl::addPciCommand(app, problems);
-    kvctl::addEthCommand(app, problems);
-    kvctl::addSerialCommand(app, problems);
-    kvctl::addTimeCommand(app);
+    kvctl::addInfoCommand(program, problems);
+    kvctl::addPciCommand(program, problems);
+    kvctl::addEthCommand(program, problems);
+    kvctl::addSerialCommand(program, problems);
+    kvctl::addTimeCommand(program);
 
     brevane::Logger::setUpSinks(boost::log::trivial::warning);
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsageError;
+        return program.run(argc, argv);
     } catch (const std::exception& error) {
-        std::cerr << "kvctl: " << error.what() << '\n';
+        std::cerr << kName << ": " << error.what() << '\n';
         return kFailed;
     }
-    if (!std::cout.flush()) {
-        problems.report("standard output", "not everything could be written");
-    }
-    return problems.any() ? kFailed : 0;
 }

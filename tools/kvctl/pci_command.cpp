@@ -113,12 +113,15 @@ void showTopology(bool asJson, Problems& problems) {
 
 }  // namespace
 
-void addPciCommand(CLI::App& app, Problems& problems) {
-    CLI::App* command =
-        app.add_subcommand("pci", "Show the PCI topology, from bus 0 down through all bridges");
-    const auto asJson = addJsonFlag(*command);
-    command->footer("Link widths (the x1 of PCIe2 x1) are readable by root only; others see PCI.");
-    command->callback([asJson, &problems] { showTopology(*asJson, problems); });
+void addPciCommand(command_line::Program& program, Problems& problems) {
+    command_line::Command& command =
+        program.addCommand("pci", "Show the PCI topology, from bus 0 down through all bridges");
+    const auto asJson = addJsonFlag(command);
+    command.setFooter("Link widths (the x1 of PCIe2 x1) are readable by root only; others see PCI.");
+    command.setAction([asJson, &problems] {
+        showTopology(*asJson, problems);
+        return problems.status();
+    });
 }
 
 }  // namespace kvctl

@@ -5,6 +5,6 @@
 namespace kvctl {
 
 /** Adds `kvctl pci`: the PCI topology as a tree. */
-void addPciCommand(CLI::App& app, Problems& problems);
+void addPciCommand(command_line::Program& program, Problems& problems);
 
 }  // namespace kvctl

@@ -139,14 +139,15 @@ void print(const std::vector<Port>& ports) {
 
 }  // namespace
 
-void addSerialCommand(CLI::App& app, Problems& problems) {
-    CLI::App* command =
-        app.add_subcommand("serial", "Show the onboard serial ports and those of PCI cards; opens none");
-    const auto asJson = addJsonFlag(*command);
-    command->footer("Onboard ports are numbered from 1, as they are labelled, those of a card from 0.");
-    command->callback([asJson, &problems] {
+void addSerialCommand(command_line::Program& program, Problems& problems) {
+    command_line::Command& command =
+        program.addCommand("serial", "Show the onboard serial ports and those of PCI cards; opens none");
+    const auto asJson = addJsonFlag(command);
+    command.setFooter("Onboard ports are numbered from 1, as they are labelled, those of a card from 0.");
+    command.setAction([asJson, &problems] {
         const std::vector<Port> ports = findPorts(problems);
         *asJson ? printJson(toJson(ports)) : print(ports);
+        return problems.status();
     });
 }
 

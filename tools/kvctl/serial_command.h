@@ -5,6 +5,6 @@
 namespace kvctl {
 
 /** Adds `kvctl serial`: the serial ports and their device nodes. */
-void addSerialCommand(CLI::App& app, Problems& problems);
+void addSerialCommand(command_line::Program& program, Problems& problems);
 
 }  // namespace kvctl

@@ -66,14 +66,15 @@ void print(const Clock& clock) {
 
 }  // namespace
 
-void addTimeCommand(CLI::App& app) {
-    CLI::App* command =
-        app.add_subcommand("time", "Show the machine's clock, and how long the machine has been running");
-    const auto asJson = addJsonFlag(*command);
-    command->footer("The day number counts days of local time; 1 January of year 0 begins at 1.0.");
-    command->callback([asJson] {
+void addTimeCommand(command_line::Program& program) {
+    command_line::Command& command =
+        program.addCommand("time", "Show the machine's clock, and how long the machine has been running");
+    const auto asJson = addJsonFlag(command);
+    command.setFooter("The day number counts days of local time; 1 January of year 0 begins at 1.0.");
+    command.setAction([asJson] {
         const Clock clock = readClock();
         *asJson ? printJson(toJson(clock)) : print(clock);
+        return 0;
     });
 }
 

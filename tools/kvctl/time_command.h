@@ -5,6 +5,6 @@
 namespace kvctl {
 
 /** Adds `kvctl time`: the machine's clock. */
-void addTimeCommand(CLI::App& app);
+void addTimeCommand(command_line::Program& program);
 
 }  // namespace kvctl

@@ -95,11 +95,4 @@ TEST(KvctlPci, TellsAnEmptyBusFromNoAccessToPci) {
     EXPECT_EQ(failed.output, "kvctl: /sys/bus/pci/devices: this machine offers no access to PCI\n");
 }
 
-TEST(KvctlPci, RefusesWrongUsage) {
-    EXPECT_EQ(kvctl("").status, 2);
-    EXPECT_EQ(kvctl("pci --nonsense").status, 2);
-    EXPECT_EQ(kvctl("nonsense").status, 2);
-    EXPECT_EQ(kvctl("--help").status, 0);
-}
-
 }  // namespace
