@@ -106,19 +106,27 @@ void print(const std::vector<Port>& ports) {
     printColumns(rows);
 }
 
-void showPorts(bool asJson, bool write, Problems& problems) {
+/** The text of the translation file; none, which is reported, where it cannot be written or read. */
+std::optional<std::string> readTranslation(bool write, Problems& problems) {
     if (write && kv_translateEthernetInterfaces() != 0) {
         problems.report(kTranslationFile, "not written, for the reason in the library's log");
-        return;
+        return std::nullopt;
     }
     std::error_code unknown;
     if (!write && fs::status(kTranslationFile, unknown).type() == fs::file_type::not_found) {
         problems.report(kTranslationFile, "No such file or directory; kvctl eth --write makes it");
-        return;
+        return std::nullopt;
     }
-    if (const auto translation = contentsOf(kTranslationFile, problems)) {
-        const std::vector<Port> ports = readPorts(*translation, problems);
-        asJson ? printJson(toJson(ports)) : print(ports);
+    return contentsOf(kTranslationFile, problems);
+}
+
+void showPorts(bool asJson, bool write, Problems& problems) {
+    const std::optional<std::string> translation = readTranslation(write, problems);
+    const std::vector<Port> ports = translation ? readPorts(*translation, problems) : std::vector<Port>();
+    if (asJson) {
+        printJson(toJson(ports));
+    } else if (translation) {
+        print(ports);
     }
 }
 

@@ -98,14 +98,11 @@ Json toJson(Nodes nodes) {
 void showTopology(bool asJson, Problems& problems) {
     const kv::OwnedTopology topology;
     const std::optional<Nodes> topLevel = topLevelOf(topology, problems);
-    if (!topLevel) {
-        return;
-    }
     if (asJson) {
-        printJson(toJson(*topLevel));
-    } else if (topLevel->empty()) {
+        printJson(toJson(topLevel.value_or(Nodes())));
+    } else if (topLevel && topLevel->empty()) {
         std::cout << "No PCI devices.\n";
-    } else {
+    } else if (topLevel) {
         Names names;
         printTree(*topLevel, "", names);
     }

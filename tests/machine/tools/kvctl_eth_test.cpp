@@ -92,9 +92,10 @@ TEST(KvctlEth, ReadsTheFileUpToWhatIsNoEntry) {
 TEST(KvctlEth, NamesTheFileThatIsMissingOrCannotBeWritten) {
     Machine machine = kv::test::machineNamed("bare");
     ENTER_MACHINE(machine);
-    const Outcome missing = kvctl("eth --json");
+    const Outcome missing = kvctl("eth");
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.output, kError + "No such file or directory; kvctl eth --write makes it\n");
+    EXPECT_EQ(kvctlJson("eth"), json::array());
 
     Machine::replaceByFolder(kFile);
     EXPECT_EQ(kvctl("eth").output, kError + "Is a directory\n");
@@ -102,7 +103,7 @@ TEST(KvctlEth, NamesTheFileThatIsMissingOrCannotBeWritten) {
     EXPECT_EQ(failed.status, 1);
     EXPECT_THAT(failed.output, HasSubstr("KV: Failed to create file: " + kFile));
     EXPECT_THAT(failed.output, EndsWith(kError + "not written, for the reason in the library's log\n"));
-    EXPECT_EQ(kvctl("eth --right").status, 2);
+    EXPECT_EQ(kvctlJson("eth --write"), json::array());
 }
 
 }  // namespace

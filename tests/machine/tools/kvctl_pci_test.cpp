@@ -10,6 +10,7 @@
 #include "run_kvctl.h"
 
 using kv::test::kvctl;
+using kv::test::kvctlJson;
 using kv::test::Outcome;
 using kv::test::shell;
 using nlohmann::json;
@@ -93,6 +94,7 @@ TEST(KvctlPci, TellsAnEmptyBusFromNoAccessToPci) {
     const Outcome failed = kvctl("pci");
     EXPECT_EQ(failed.status, 1);
     EXPECT_EQ(failed.output, "kvctl: /sys/bus/pci/devices: this machine offers no access to PCI\n");
+    EXPECT_EQ(kvctlJson("pci"), json::array());
 }
 
 }  // namespace
