@@ -6,6 +6,8 @@
 
 #include <kv/diagnostics.h>
 
+#include "os/cancellation.h"
+
 namespace {
 
 constexpr const char* kLogFile = "/home/brvn/logs/kvlog.log";
@@ -34,6 +36,7 @@ void appendLine(const std::string& line) {
 }  // namespace
 
 void kv_log(Severity severity, const char* msg) {
+    const kv::os::CancellationHold hold;
     try {
         // The fraction and the number in brackets are constants that log readers expect in these columns.
         appendLine(kv::utils::formatString("%s%s.000042 [%-2d] [%-7s] %s\n", "", localTimeText().data(), 42,

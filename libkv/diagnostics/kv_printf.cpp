@@ -1,7 +1,8 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <exception>
+#include <cxxabi.h>
+#include <pthread.h>
 #include <string_view>
 
 #include <boost/log/core.hpp>
@@ -11,6 +12,8 @@
 #include <brevane/Logger.h>
 #include <kv/diagnostics.h>
 
+#include "diagnostics/kv_print.h"
+#include "os/cancellation.h"
 #include "os/kept_errno.h"
 
 namespace {
@@ -29,8 +32,9 @@ bool loggingEnabled() {
     return core.get_logging_enabled();
 }
 
-/** Emits one line, given with its newline, as one record. */
+/** Emits one line, given with its newline, as one record. A sink that writes is not cancelled halfway. */
 void logMsg(Severity severity, std::string_view line) {
+    const kv::os::CancellationHold hold;
     line.remove_suffix(1);
     auto& logger = brevane::Logger::getLogger();
     if (!isSeverity(severity)) {
@@ -42,20 +46,15 @@ void logMsg(Severity severity, std::string_view line) {
     BOOST_LOG_CHANNEL_SEV(logger, kChannel, static_cast<trivial::severity_level>(severity)) << "KV: " << line;
 }
 
-}  // namespace
-
-void kv_printf(Severity severity, const char* msg, ...) {
+/** Emits each complete line of a message. */
+void printLines(Severity severity, const char* format, va_list arguments) {
     if (!loggingEnabled()) {
         return;
     }
     const kv::os::KeptErrno callersReason;
 
     std::array<char, kBufferSize> buffer;
-    va_list arguments;
-    va_start(arguments, msg);
-    const int length = std::vsnprintf(buffer.data(), buffer.size(), msg, arguments);
-    va_end(arguments);
-    if (length < 0) {
+    if (std::vsnprintf(buffer.data(), buffer.size(), format, arguments) < 0) {
         return;
     }
 
@@ -68,9 +67,28 @@ void kv_printf(Severity severity, const char* msg, ...) {
     for (auto newline = text.find('\n'); newline != text.npos; newline = text.find('\n')) {
         try {
             logMsg(severity, text.substr(0, newline + 1));
-        } catch (const std::exception&) {
+        } catch (const abi::__forced_unwind&) {
+            throw;  // the thread ends in the sink
+        } catch (...) {
             // A failing sink costs this record, not the model and not the next line.
         }
         text.remove_prefix(newline + 1);
     }
+}
+
+}  // namespace
+
+void kv::print(Severity severity, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    printLines(severity, format, arguments);
+    va_end(arguments);
+}
+
+void kv_printf(Severity severity, const char* msg, ...) {
+    va_list arguments;
+    va_start(arguments, msg);
+    printLines(severity, msg, arguments);
+    va_end(arguments);
+    pthread_testcancel();  // so that a thread that only prints can be destroyed
 }

@@ -4,15 +4,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include <kv/diagnostics.h>
 #include <kv/lifecycle.h>
 #include <kv/memory.h>
 
 #include "diagnostics/kv_error_text.h"
+#include "os/cancellation.h"
 
 namespace {
 
@@ -99,7 +102,7 @@ bool getChecksumPath(std::string& uuidPath) {
 }
 
 /** Whether another model than this one ran last, as far as the files tell. */
-bool isFirstModelRun() {
+bool isFirstModelRun() try {
     FilePtr tagFile(std::fopen(kTagFile, "r"));
     if (!tagFile) {
         return true;
@@ -116,6 +119,8 @@ bool isFirstModelRun() {
         return true;
     }
     return !compareChecksums(checksumFile.get(), tagFile.get());
+} catch (const std::bad_alloc&) {
+    return true;
 }
 
 /** Puts the model's line into the tag file unless it is there. @return the result of kv_tagModelRun() */
@@ -157,6 +162,7 @@ void kv_initModelRun(void) {
 }
 
 void kv_checkModelInit(void) {
+    const kv::os::CancellationHold hold;
     if (localModelInitState == notInitialized) {
         localModelInitState = isFirstModelRun() ? modelLoad : modelRun;
         if (localModelInitState == modelLoad) {
@@ -182,7 +188,8 @@ void kv_clearModelInit(void) {
     }
 }
 
-int kv_tagModelRun(void) {
+int kv_tagModelRun(void) try {
+    const kv::os::CancellationHold hold;
     std::string& checksumPath = taggedChecksumPath();
     if (!checksumPath.empty()) {
         kv_printf(kv_debug, "Tag model run: Model already tagged\n");
@@ -199,15 +206,21 @@ int kv_tagModelRun(void) {
         return 0;
     }
     LockedFilePtr tagFile(opened.release());
-    if (getChecksumPath(checksumPath)) {
+    std::string found;
+    const bool failed = getChecksumPath(found);
+    checksumPath = std::move(found);
+    if (failed) {
         kv_printf(kv_info, "Tag model run: Failed to find checksum path: %s\n", pKvErrorStr);
         (void)tagFile.release();  // stays open and locked until exit
         return 1;
     }
     return updateTag(checksumPath, tagFile);
+} catch (const std::bad_alloc&) {
+    return 1;
 }
 
 void kv_tagModelAtExit(void) {
+    const kv::os::CancellationHold hold;
     if (kv_tagModelRun() != 0) {
         kv_printf(kv_warning, "Failed to tag model run");  // kept without its newline, so it never comes out
     }

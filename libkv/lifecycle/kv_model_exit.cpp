@@ -4,6 +4,8 @@
 #include <kv/diagnostics.h>
 #include <kv/lifecycle.h>
 
+#include "os/cancellation.h"
+
 namespace {
 
 struct ExitHandlerEntry {
@@ -18,6 +20,7 @@ bool registeredAtExit = false;
 }  // namespace
 
 void kv_add_exit_handler(void (*handler)(void*), void* argument) {
+    const kv::os::CancellationHold hold;
     auto* entry = static_cast<ExitHandlerEntry*>(std::malloc(sizeof(ExitHandlerEntry)));
     if (entry == nullptr) {
         std::abort();  // without its handler the process must not go on
@@ -35,6 +38,7 @@ void kv_add_exit_handler(void (*handler)(void*), void* argument) {
 }
 
 void kv_exit_handler(void) {
+    const kv::os::CancellationHold hold;
     kv_printf(kv_debug, "Running Kelvaro exit handlers\n");
     // The list stays sound while a handler runs: it may add another, or run the list itself.
     while (ExitHandlerEntry* entry = kv_exitHandler_list) {

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
@@ -10,6 +11,7 @@
 #include <kv/memory.h>
 
 #include "memory/kv_memory_persistent_internal.h"
+#include "os/cancellation.h"
 
 namespace {
 
@@ -110,7 +112,8 @@ void* allocate(FragmentHead& first, uint32_t size) {
 
 }  // namespace
 
-void* kv_allocPersistentMemory(const char* name, uint32_t size) {
+void* kv_allocPersistentMemory(const char* name, uint32_t size) try {
+    const kv::os::CancellationHold hold;
     FragmentHead* block = getMemDesc(name);
     if (block == nullptr) {
         block = createBlock(name);
@@ -120,17 +123,25 @@ void* kv_allocPersistentMemory(const char* name, uint32_t size) {
         return nullptr;
     }
     return allocate(*block, size);
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 
-void* kv_getPersistentMemory(const char* name) {
+void* kv_getPersistentMemory(const char* name) try {
+    const kv::os::CancellationHold hold;
     const FragmentHead* block = getMemDesc(name);
     if (block == nullptr) {
         kv_printf(kv_debug, "Persistent memory not available %s\n", name);
         return nullptr;
     }
     return pointerTo(block->root);
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 
-void kv_freePersistentMemory(void) {
+void kv_freePersistentMemory(void) try {
+    const kv::os::CancellationHold hold;
     clearList();
+} catch (const std::bad_alloc&) {
+    // What could not be removed stays.
 }

@@ -137,7 +137,7 @@ bool initList(List& list) {
     const auto listed = entries(list);
     kv_printf(kv_debug, "Loaded descriptor list. %d entries\n", static_cast<int>(listed.size()));
     Attachment attachment;
-    attachment.files.reserve(listed.size());
+    attachment.files.reserve(kMaxEntries);
     attachment.fragments.reserve(listed.size());
     list.index.reserve(kMaxEntries);
     for (const ListEntry& entry : listed) {
@@ -201,9 +201,9 @@ bool addToList(const std::string& name, FragmentHead* desc, os::UniqueFd file) {
     ListEntry& entry = list.descList[count];
     copyName(entry, name);
     entry.desc = desc;
-    length = count + 1;  // last, so that a process killed here leaves no half-made entry in the list
     list.index.emplace(nameOf(entry), desc);
-    list.files.push_back(std::move(file));
+    list.files.push_back(std::move(file));  // has room
+    length = count + 1;  // last, so that a process killed here leaves no half-made entry in the list
     return true;
 }
 

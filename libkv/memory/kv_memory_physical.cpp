@@ -1,11 +1,14 @@
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <new>
 #include <unistd.h>
 
 #include <kv/diagnostics.h>
 #include <kv/memory.h>
 #include <kv/process.h>
 
+#include "os/cancellation.h"
 #include "os/unique_fd.h"
 
 namespace {
@@ -17,7 +20,12 @@ constexpr std::size_t kSinglePage = 4096;
 /** The uncached buffers by their addresses. What is left at exit stays, for the next process to remove. */
 std::map<void*, kv_udmabuf_Handle*> g_physicalMemoryMap;
 
+struct BufferFree {
+    void operator()(kv_udmabuf_Handle* buffer) const { (void)kv_udmabuf_freeBuffer(buffer); }
+};
+
 void* refuse(const char* function) {
+    const kv::os::CancellationHold hold;
     kv_printf(kv_info,
               "%s is not, and will not, be defined in libkv for Linux. Use kv_allocPhysicalMemory_v2() "
               "instead.\n",
@@ -45,7 +53,8 @@ void* kv_allocPhysicalMemory_v2_cached(size_t size, uintptr_t* physicalOut) {
     return kv_udmabuf_allocCachedBuffer(size, physicalOut);
 }
 
-void* kv_allocPhysicalMemory_v2_uncached(size_t size, uintptr_t* physicalOut) {
+void* kv_allocPhysicalMemory_v2_uncached(size_t size, uintptr_t* physicalOut) try {
+    const kv::os::CancellationHold hold;
     *physicalOut = 0;
     kv_printf(kv_debug, "Allocating 0x%x bytes of physical memory\n", static_cast<unsigned>(size));
     if (size <= kSinglePage) {
@@ -58,17 +67,20 @@ void* kv_allocPhysicalMemory_v2_uncached(size_t size, uintptr_t* physicalOut) {
                   "Failed to clear old u-dma-buffers. Do you have the required kernel modules inserted?\n");
         return nullptr;
     }
-    kv_udmabuf_Handle* buffer = kv_udmabuf_allocBuffer(size);
+    std::unique_ptr<kv_udmabuf_Handle, BufferFree> buffer(kv_udmabuf_allocBuffer(size));
     if (buffer == nullptr) {
         kv_printf(kv_info, "Could not create buffer.\n");
         return nullptr;
     }
-    g_physicalMemoryMap.emplace(buffer->userPtr, buffer);
+    g_physicalMemoryMap.emplace(buffer->userPtr, buffer.get());
     *physicalOut = buffer->physicalAddr;
-    return buffer->userPtr;
+    return buffer.release()->userPtr;  // freed by kv_freePhysicalMemory()
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 
 void kv_freePhysicalMemory(void* ptr) {
+    const kv::os::CancellationHold hold;
     if (ptr == nullptr || kv_udmabuf_freeCachedBuffer(ptr) == 0) {
         return;
     }
@@ -85,6 +97,7 @@ void kv_freePhysicalMemory(void* ptr) {
 }
 
 uintptr_t kv_getPhysicalBufferAddr(void* virtualAddress) {
+    const kv::os::CancellationHold hold;
     // The kernel goes by the rights of whoever opened it.
     const kv::os::UniqueFd pageMap(kv_openAsRoot(kPageMap, O_RDONLY | O_CLOEXEC));
     if (!pageMap) {

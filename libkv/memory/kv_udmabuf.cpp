@@ -5,6 +5,7 @@
 #include <cstring>
 #include <glob.h>
 #include <memory>
+#include <new>
 #include <optional>
 #include <span>
 #include <string>
@@ -17,6 +18,7 @@
 #include <kv/process.h>
 
 #include "memory/kv_udmabuf_pool.h"
+#include "os/cancellation.h"
 #include "os/mapping.h"
 #include "os/unique_fd.h"
 #include "runtime/kv_root.h"
@@ -151,7 +153,8 @@ int mapBuffer(kv_udmabuf_Handle* buffer) {
 
 }  // namespace
 
-kv_udmabuf_Handle* kv_udmabuf_allocBuffer(size_t length) {
+kv_udmabuf_Handle* kv_udmabuf_allocBuffer(size_t length) try {
+    const kv::os::CancellationHold hold;
     if (roundUpToUnits(length) == 0) {
         return nullptr;
     }
@@ -167,9 +170,12 @@ kv_udmabuf_Handle* kv_udmabuf_allocBuffer(size_t length) {
         return nullptr;  // a device that was made stays until kv_udmabuf_deleteAllBuffers()
     }
     return buffer.release();
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 
-int kv_udmabuf_freeBuffer(kv_udmabuf_Handle* handle) {
+int kv_udmabuf_freeBuffer(kv_udmabuf_Handle* handle) try {
+    const kv::os::CancellationHold hold;
     if (handle->userPtr != nullptr && ::munmap(handle->userPtr, handle->length) != 0) {
         return -1;
     }
@@ -181,9 +187,12 @@ int kv_udmabuf_freeBuffer(kv_udmabuf_Handle* handle) {
     commandDelete(manager, handle->deviceName);
     delete handle;
     return 0;
+} catch (const std::bad_alloc&) {
+    return -1;
 }
 
-int kv_udmabuf_deleteAllBuffers(void) {
+int kv_udmabuf_deleteAllBuffers(void) try {
+    const kv::os::CancellationHold hold;
     const UniqueFd manager = openFile(kManager, O_WRONLY);
     if (!manager) {
         kv_printf(kv_warning, "Failed to open u-dma-buf-mgr: %s\n", std::strerror(errno));
@@ -196,4 +205,6 @@ int kv_udmabuf_deleteAllBuffers(void) {
         commandDelete(manager, path + std::strlen(kDeviceFolder));
     }
     return 0;
+} catch (const std::bad_alloc&) {
+    return -1;
 }

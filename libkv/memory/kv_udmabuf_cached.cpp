@@ -12,6 +12,7 @@
 #include <kv/threads.h>
 
 #include "memory/kv_udmabuf_pool.h"
+#include "os/cancellation.h"
 #include "os/mapping.h"
 #include "os/sd_device.h"
 #include "os/unique_fd.h"
@@ -109,6 +110,7 @@ void unmapCachedBuffer() {
 }  // namespace
 
 void* kv_udmabuf_allocCachedBuffer(size_t size, uintptr_t* physAddr) try {
+    const kv::os::CancellationHold hold;
     *physAddr = 0;
     const std::size_t rounded = roundUpToUnits(size);
     if (rounded == 0) {
@@ -132,6 +134,7 @@ void* kv_udmabuf_allocCachedBuffer(size_t size, uintptr_t* physAddr) try {
 }
 
 int kv_udmabuf_freeCachedBuffer(void* addr) {
+    const kv::os::CancellationHold hold;
     if (addr == nullptr) {
         return -1;
     }
@@ -153,6 +156,7 @@ int kv_udmabuf_freeCachedBuffer(void* addr) {
 }
 
 void kv_udmabuf_printCachedMemoryBuffers(void) {
+    const kv::os::CancellationHold hold;
     if (g_cachedMemory == nullptr) {
         kv_printf(kv_info, "[empty]\n");
         return;
@@ -167,6 +171,7 @@ void kv_udmabuf_printCachedMemoryBuffers(void) {
 int kv_udmabuf_areCacheCoherentBuffersAvailable(void) {
     static std::atomic<int> cacheCoherentBufAvail = -1;
     if (cacheCoherentBufAvail == -1) {
+        const kv::os::CancellationHold hold;
         const auto type = std::filesystem::status(kCachedBufferFolder).type();
         const bool isMissing =
             type == std::filesystem::file_type::not_found || type == std::filesystem::file_type::none;

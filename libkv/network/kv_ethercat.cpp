@@ -6,6 +6,7 @@
 #include <kv/pci.h>
 
 #include "network/kv_ethernet_devices.h"
+#include "os/cancellation.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ std::optional<kv_PCIDevice> controllerAt(const EthernetDevices& devices, unsigne
 }  // namespace
 
 int kv_configureEthercat(unsigned int absIndex) try {
+    const kv::os::CancellationHold hold;
     const auto devices = getEthernetDevices();
     if (!devices) {
         return -1;
@@ -40,6 +42,7 @@ int kv_configureEthercat(unsigned int absIndex) try {
 }
 
 int kv_teardownEthercat(unsigned int absIndex) try {
+    const kv::os::CancellationHold hold;
     const auto devices = getEthernetDevices();
     if (!devices) {
         return -1;

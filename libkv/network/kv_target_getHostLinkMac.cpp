@@ -12,6 +12,7 @@
 #include <kv/network.h>
 
 #include "network/kv_host_link.h"
+#include "os/cancellation.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ std::string kv_getDefaultHostLinkInterface() {
 }
 
 int kv_target_getHostLinkMac(unsigned char* outMac) try {
+    const kv::os::CancellationHold hold;
     const std::string hostLink = kv_getDefaultHostLinkInterface();
     if (hostLink.empty()) {
         kv_printf(kv_error, "Failed to determine default host link interface\n");

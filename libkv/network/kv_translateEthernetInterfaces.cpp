@@ -10,6 +10,7 @@
 #include "network/kv_ethernet_devices.h"
 #include "network/kv_ethernet_labels.h"
 #include "network/kv_host_link.h"
+#include "os/cancellation.h"
 
 namespace {
 
@@ -33,6 +34,7 @@ int writeTranslationFile(const std::string& ethStr) {
 }  // namespace
 
 int kv_translateEthernetInterfaces(void) try {
+    const kv::os::CancellationHold hold;
     const auto devices = getEthernetDevices();
     if (!devices) {
         return -1;

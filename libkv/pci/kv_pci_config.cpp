@@ -2,6 +2,7 @@
 
 #include <kv/diagnostics.h>
 
+#include "os/cancellation.h"
 #include "os/unique_fd.h"
 #include "pci/kv_pci_internal.h"
 #include "runtime/kv_root.h"
@@ -38,6 +39,7 @@ bool withPresentDevice(const kv_PCIDevice& board, Operation operation) {
 }  // namespace
 
 void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave) {
+    const kv::os::CancellationHold hold;
     const bool present = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
         for (std::size_t i = 0; i < kSavedDwords.size(); ++i) {
             configSave[i] = pci_read_long(&device, kSavedDwords[i]);
@@ -51,6 +53,7 @@ void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave) {
 }
 
 void kvPCI_restorePCIConfig(kv_PCIDevice* pciinfo, const uint32_t* configSave) {
+    const kv::os::CancellationHold hold;
     const kv_beRootObj root;
     const bool present = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
         for (std::size_t i = 0; i < kSavedDwords.size(); ++i) {
@@ -66,6 +69,7 @@ void kvPCI_restorePCIConfig(kv_PCIDevice* pciinfo, const uint32_t* configSave) {
 }
 
 void kvPCI_printPCIConfig(kv_PCIDevice* pciinfo) {
+    const kv::os::CancellationHold hold;
     (void)withPresentDevice(*pciinfo, [](pci_dev& device) {  // an absent board prints nothing
         for (int offset = 0; offset < kHeaderSize; offset += 4) {
             kv_printf(kv_info, "config[0x%x] = 0x%x\n", offset, pci_read_long(&device, offset));
@@ -74,6 +78,7 @@ void kvPCI_printPCIConfig(kv_PCIDevice* pciinfo) {
 }
 
 int kv_pci_openPciConfig(kv_PCIDevice* pciDev, int flags) {
+    const kv::os::CancellationHold hold;
     const kv_beRootObj root;
     return ::open(kv::pci::sysfsPath(*pciDev, "config").c_str(), flags);
 }

@@ -3,6 +3,7 @@
 
 #include <kv/diagnostics.h>
 
+#include "os/cancellation.h"
 #include "os/unique_fd.h"
 #include "pci/kv_pci_internal.h"
 #include "runtime/kv_root.h"
@@ -24,6 +25,7 @@ void writeAddress(const UniqueFd& file, const kv_PCIDevice& board) {
 }  // namespace
 
 int kv_pci_unbindDriver(kv_PCIDevice* device) {
+    const kv::os::CancellationHold hold;
     if (device == nullptr) {
         kv_printf(kv_info, "kv_pci_unbindDriver: device is null.\n");
         return -1;
@@ -45,6 +47,7 @@ int kv_pci_unbindDriver(kv_PCIDevice* device) {
 }
 
 int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName) {
+    const kv::os::CancellationHold hold;
     if (device == nullptr) {
         kv_printf(kv_info, "kv_pci_bindDriver: device is null.\n");
         return -1;
@@ -62,6 +65,7 @@ int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName) {
 }
 
 int kv_pci_probeDriver(kv_PCIDevice* device) {
+    const kv::os::CancellationHold hold;
     if (device == nullptr) {
         kv_printf(kv_info, "kv_pci_probeDriver: device is null.\n");
         return -1;

@@ -1,6 +1,7 @@
 #include <kv/diagnostics.h>
 
 #include "diagnostics/kv_error_text.h"
+#include "os/cancellation.h"
 #include "pci/kv_pci_internal.h"
 #include "runtime/kv_root.h"
 
@@ -113,6 +114,7 @@ int findAtSlot(const Identity& wanted, uint16_t bus, uint16_t slot, kv_PCIDevice
 
 int kvPCI_getDeviceByIdx(uint16_t vendorId, uint16_t deviceId, uint16_t subVendorId, uint16_t subDeviceId,
                          int moduleId, kv_PCIDevice* pPciInfo) {
+    const kv::os::CancellationHold hold;
     kv_printf(kv_debug, "Looking for VID 0x%04x DID 0x%04x at index %d\n", vendorId, deviceId, moduleId);
     return orOnFailure(kNotFound, [&] {
         return findByIndex({vendorId, deviceId, subVendorId, subDeviceId}, moduleId, *pPciInfo);
@@ -121,6 +123,7 @@ int kvPCI_getDeviceByIdx(uint16_t vendorId, uint16_t deviceId, uint16_t subVendo
 
 int kvPCI_getDeviceAtSlot(uint16_t vendorId, uint16_t deviceId, uint16_t subVendorId, uint16_t subDeviceId,
                           uint16_t Bus, uint16_t Slot, kv_PCIDevice* pPciInfo) {
+    const kv::os::CancellationHold hold;
     return orOnFailure(kNotFound, [&] {
         return findAtSlot({vendorId, deviceId, subVendorId, subDeviceId}, Bus, Slot, *pPciInfo);
     });
@@ -128,6 +131,7 @@ int kvPCI_getDeviceAtSlot(uint16_t vendorId, uint16_t deviceId, uint16_t subVend
 
 int kv_findPciDevice(kv_PCIDevice* pPciInfo, const char* pDevNameStr, uint16_t vendorId, uint16_t deviceId,
                      uint16_t subVendorId, uint16_t subDeviceId, int ModuleId, int Bus, int Slot) {
+    const kv::os::CancellationHold hold;
     if (Slot < 0) {
         kv_printf(kv_debug, "Find PCI device in autosearch mode\n");
         if (kvPCI_getDeviceByIdx(vendorId, deviceId, subVendorId, subDeviceId, ModuleId, pPciInfo) !=

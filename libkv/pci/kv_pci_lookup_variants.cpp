@@ -5,6 +5,7 @@
 #include <kv/diagnostics.h>
 
 #include "diagnostics/kv_error_text.h"
+#include "os/cancellation.h"
 #include "pci/kv_pci_internal.h"
 
 namespace {
@@ -81,6 +82,7 @@ int findVariantAtPosition(kv_PCIDevice& record, const char* name, const Variants
 int kv_findPciDeviceMultiIDs(kv_PCIDevice* pPciInfo, const char* pDevNameStr, size_t nDevs,
                              uint16_t* pVendorId, uint16_t* pDeviceId, uint16_t* pSubVendorId,
                              uint16_t* pSubDeviceId, int PciAutosearchPos, int Bus, int Slot) {
+    const kv::os::CancellationHold hold;
     const Variants variants{nDevs, pVendorId, pDeviceId, pSubVendorId, pSubDeviceId};
     kv_printf(kv_debug, "Bus: %i, Slot: %i\n", Bus, Slot);
 

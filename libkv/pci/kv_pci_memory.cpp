@@ -7,6 +7,7 @@
 
 #include <kv/diagnostics.h>
 
+#include "os/cancellation.h"
 #include "os/unique_fd.h"
 #include "pci/kv_pci_internal.h"
 #include "runtime/kv_root.h"
@@ -57,6 +58,7 @@ void* reportMapFailure(int error) {
 }  // namespace
 
 void* kv_mapMemory(kv_PCIDevice* dev, uint32_t bar) {
+    const kv::os::CancellationHold hold;
     if (bar >= KV_PCI_BARS) {
         return reportMapFailure(EINVAL);
     }
@@ -98,11 +100,13 @@ void* kv_mapMemory(kv_PCIDevice* dev, uint32_t bar) {
 }
 
 void* kv_mapIo(kv_PCIDevice* /*device*/, uint32_t /*bar*/) {
+    const kv::os::CancellationHold hold;
     kv_printf(kv_error, "%s() not implemented for aarch64\n", __func__);
     return nullptr;
 }
 
 void kv_showPciDevice(kv_PCIDevice* pDev) {
+    const kv::os::CancellationHold hold;
     kv_printf(kv_info, "VendorId = 0x%x, DeviceId = 0x%x\n", pDev->VendorId, pDev->DeviceId);
     kv_printf(kv_info, "Subsystem Device ID = 0x%x\nSubsystem Vendor ID = 0x%x\n", pDev->SubDeviceId,
               pDev->SubVendorId);

@@ -7,6 +7,7 @@
 #include <new>
 #include <vector>
 
+#include "os/cancellation.h"
 #include "os/directory.h"
 #include "pci/kv_pci_internal.h"
 
@@ -219,6 +220,7 @@ void printBranch(unsigned depth, const kv_topo_node* nodes, uint32_t n) {
 }  // namespace
 
 int32_t kv_getPciTopologyAtBus(kv_topo_node** topo, uint32_t bus) {
+    const kv::os::CancellationHold hold;
     *topo = nullptr;
     return kv::pci::orOnFailure(-1, [&] {
         kv_topo_node* nodes = nullptr;
@@ -233,5 +235,6 @@ int32_t kv_getPciTopology(kv_topo_node** topo) {
 }
 
 void kv_printPciTopology(kv_topo_node* topo, uint32_t n) {
+    const kv::os::CancellationHold hold;
     printBranch(0, topo, n);
 }

@@ -3,6 +3,7 @@
 #include <kv/diagnostics.h>
 
 #include "diagnostics/kv_error_text.h"
+#include "diagnostics/kv_print.h"
 #include "registry/kv_module_registry_internal.h"
 
 kv_module_type_list* module_registry = nullptr;
@@ -18,28 +19,28 @@ kv_module_list* moduleListOf(uint32_t type) {
 }
 
 bool create_module_registry() {
-    kv_printf(kv_trace, "Creating module registry\n");
+    kv::print(kv_trace, "Creating module registry\n");
     module_registry = allocateRecord<kv_module_type_list>();
     if (module_registry == nullptr) {
         setErrorText("Failed to allocate memory for module registry\n");
         return false;
     }
-    kv_printf(kv_trace, "Module registry: 0x%p\n", static_cast<void*>(module_registry));
+    kv::print(kv_trace, "Module registry: 0x%p\n", static_cast<void*>(module_registry));
     return true;
 }
 
 bool increase_module_registry_size(uint32_t type) {
-    kv_printf(kv_trace, "Enlarge registry from %d to %d module types\n", module_registry->Length, type + 1);
+    kv::print(kv_trace, "Enlarge registry from %d to %d module types\n", module_registry->Length, type + 1);
     if (!growTo(module_registry->types, module_registry->Length, type)) {
         setErrorText("Failed to allocate memory for new module type list\n");
         return false;
     }
-    kv_printf(kv_trace, "New module type list: 0x%p\n", static_cast<void*>(module_registry->types));
+    kv::print(kv_trace, "New module type list: 0x%p\n", static_cast<void*>(module_registry->types));
     return true;
 }
 
 bool create_module_list(uint32_t type) {
-    kv_printf(kv_trace, "Creating new module list struct for type %d\n", type);
+    kv::print(kv_trace, "Creating new module list struct for type %d\n", type);
     auto* list = allocateRecord<kv_module_list>();
     if (list == nullptr) {
         setErrorText("Failed to allocate memory for module list\n");
@@ -47,17 +48,17 @@ bool create_module_list(uint32_t type) {
     }
     module_registry->types[type] = list;
     ++module_registry->nTypes;
-    kv_printf(kv_trace, "New module list struct : 0x%p\n", static_cast<void*>(list));
+    kv::print(kv_trace, "New module list struct : 0x%p\n", static_cast<void*>(list));
     return true;
 }
 
 bool increase_module_list_size(kv_module_list& list, uint32_t id) {
-    kv_printf(kv_trace, "Enlarge module list from %d to %d modules\n", list.Length, id + 1);
+    kv::print(kv_trace, "Enlarge module list from %d to %d modules\n", list.Length, id + 1);
     if (!growTo(list.modules, list.Length, id)) {
         setErrorText("Failed to allocate memory for new module list\n");
         return false;
     }
-    kv_printf(kv_trace, "New module list: 0x%p\n", static_cast<void*>(list.modules));
+    kv::print(kv_trace, "New module list: 0x%p\n", static_cast<void*>(list.modules));
     return true;
 }
 
@@ -80,7 +81,7 @@ kv_module_list* moduleListWithSlot(uint32_t type, uint32_t id) {
 }
 
 void removeEmptyModuleList(uint32_t type) {
-    kv_printf(kv_debug, "Cleaning up module list for type %d\n", type);
+    kv::print(kv_debug, "Cleaning up module list for type %d\n", type);
     std::free(module_registry->types[type]->modules);
     std::free(module_registry->types[type]);
     module_registry->types[type] = nullptr;
@@ -88,7 +89,7 @@ void removeEmptyModuleList(uint32_t type) {
 }
 
 void removeEmptyModuleRegistry() {
-    kv_printf(kv_debug, "Cleaning up module registry base\n");
+    kv::print(kv_debug, "Cleaning up module registry base\n");
     std::free(module_registry->types);
     std::free(module_registry);
     module_registry = nullptr;
@@ -97,7 +98,7 @@ void removeEmptyModuleRegistry() {
 }  // namespace
 
 kv_mod_info* kv_module_register(uint32_t mod_type, uint32_t mod_id) {
-    kv_printf(kv_debug, "Register module [type %d, id %d]\n", mod_type, mod_id);
+    kv::print(kv_debug, "Register module [type %d, id %d]\n", mod_type, mod_id);
     kv_module_list* list = moduleListWithSlot(mod_type, mod_id);
     if (list == nullptr) {
         return nullptr;
@@ -164,10 +165,10 @@ int32_t kv_module_get(kv_mod_list* modules, uint32_t mod_type, int32_t mod_id) {
 }
 
 void kv_module_unregister(uint32_t mod_type, uint32_t mod_id) {
-    kv_printf(kv_debug, "Unregister module [type %d, id %d]\n", mod_type, mod_id);
+    kv::print(kv_debug, "Unregister module [type %d, id %d]\n", mod_type, mod_id);
     kv_mod_info* module = kv_module_get_single(mod_type, mod_id);
     if (module == nullptr) {
-        kv_printf(kv_debug, "No module registered for: [type %d, id %d]\n", mod_type, mod_id);
+        kv::print(kv_debug, "No module registered for: [type %d, id %d]\n", mod_type, mod_id);
         return;
     }
     if (module->block_registry != nullptr) {

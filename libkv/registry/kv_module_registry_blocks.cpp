@@ -4,6 +4,7 @@
 #include <kv/diagnostics.h>
 
 #include "diagnostics/kv_error_text.h"
+#include "diagnostics/kv_print.h"
 #include "registry/kv_module_registry_internal.h"
 
 namespace {
@@ -29,28 +30,28 @@ kv_block_list* blockListOf(const kv_mod_info& module, uint32_t type) {
 }
 
 bool create_block_registry(kv_mod_info& module) {
-    kv_printf(kv_trace, "Creating block registry\n");
+    kv::print(kv_trace, "Creating block registry\n");
     module.block_registry = allocateRecord<kv_block_type_list>();
     if (module.block_registry == nullptr) {
         setErrorText("Failed to allocate memory for block registry\n");
         return false;
     }
-    kv_printf(kv_trace, "Block registry: 0x%p\n", static_cast<void*>(module.block_registry));
+    kv::print(kv_trace, "Block registry: 0x%p\n", static_cast<void*>(module.block_registry));
     return true;
 }
 
 bool increase_block_registry_size(kv_block_type_list& root, uint32_t type) {
-    kv_printf(kv_trace, "Enlarge registry from %d to %d block types\n", root.Length, type + 1);
+    kv::print(kv_trace, "Enlarge registry from %d to %d block types\n", root.Length, type + 1);
     if (!growTo(root.types, root.Length, type)) {
         setErrorText("Failed to allocate memory for new block type list\n");
         return false;
     }
-    kv_printf(kv_trace, "New block type list: 0x%p\n", static_cast<void*>(root.types));
+    kv::print(kv_trace, "New block type list: 0x%p\n", static_cast<void*>(root.types));
     return true;
 }
 
 bool create_block_list(kv_block_type_list& root, uint32_t type) {
-    kv_printf(kv_trace, "Creating new block list struct for type %d\n", type);
+    kv::print(kv_trace, "Creating new block list struct for type %d\n", type);
     auto* list = allocateRecord<HintedBlockList>();
     if (list == nullptr) {
         setErrorText("Failed to allocate memory for block list\n");
@@ -58,17 +59,17 @@ bool create_block_list(kv_block_type_list& root, uint32_t type) {
     }
     root.types[type] = list;
     ++root.nBlockTypes;
-    kv_printf(kv_trace, "New block list struct: 0x%p\n", static_cast<void*>(list));
+    kv::print(kv_trace, "New block list struct: 0x%p\n", static_cast<void*>(list));
     return true;
 }
 
 bool increase_block_list_size(kv_block_list& list, uint32_t id) {
-    kv_printf(kv_trace, "Enlarge block list from %d to %d blocks\n", list.Length, id + 1);
+    kv::print(kv_trace, "Enlarge block list from %d to %d blocks\n", list.Length, id + 1);
     if (!growTo(list.blocks, list.Length, id)) {
         setErrorText("Failed to allocate memory for new block list\n");
         return false;
     }
-    kv_printf(kv_trace, "New block list: 0x%p\n", static_cast<void*>(list.blocks));
+    kv::print(kv_trace, "New block list: 0x%p\n", static_cast<void*>(list.blocks));
     return true;
 }
 
@@ -105,7 +106,7 @@ uint32_t firstFreeBlockId(const kv_mod_info& module, uint32_t type) {
 }
 
 void removeEmptyBlockList(kv_block_type_list& root, uint32_t type) {
-    kv_printf(kv_debug, "Cleaning up block list for type %d\n", type);
+    kv::print(kv_debug, "Cleaning up block list for type %d\n", type);
     std::free(root.types[type]->blocks);
     std::free(root.types[type]);
     root.types[type] = nullptr;
@@ -113,7 +114,7 @@ void removeEmptyBlockList(kv_block_type_list& root, uint32_t type) {
 }
 
 void removeEmptyBlockRegistry(kv_mod_info& module) {
-    kv_printf(kv_debug, "Cleaning up block registry for module [type %d, id %d]\n", module.type, module.id);
+    kv::print(kv_debug, "Cleaning up block registry for module [type %d, id %d]\n", module.type, module.id);
     std::free(module.block_registry->types);
     std::free(module.block_registry);
     module.block_registry = nullptr;
@@ -125,31 +126,31 @@ namespace kv::registry {
 
 void cleanup_block_registry(const kv_mod_info& module) {
     kv_block_type_list* root = module.block_registry;
-    kv_printf(kv_debug, "Cleaning up block registry for module [type %d, id %d]\n", module.type, module.id);
-    kv_printf(kv_trace, "Cleaning up %d block types\n", root->Length);
+    kv::print(kv_debug, "Cleaning up block registry for module [type %d, id %d]\n", module.type, module.id);
+    kv::print(kv_trace, "Cleaning up %d block types\n", root->Length);
     for (uint32_t type = 0; type < root->Length; ++type) {
         kv_block_list* list = root->types[type];
         if (list == nullptr) {
             continue;
         }
-        kv_printf(kv_trace, "Cleaning up %d blocks for type %d\n", list->Length, type);
+        kv::print(kv_trace, "Cleaning up %d blocks for type %d\n", list->Length, type);
         for (uint32_t id = 0; id < list->Length; ++id) {
             if (list->blocks[id] != nullptr) {
-                kv_printf(kv_trace, "Cleaning up block [type %d, id %d]\n", type, id);
+                kv::print(kv_trace, "Cleaning up block [type %d, id %d]\n", type, id);
                 std::free(list->blocks[id]);
             }
         }
-        kv_printf(kv_trace, "Cleaning up block list for type %d\n", type);
+        kv::print(kv_trace, "Cleaning up block list for type %d\n", type);
         std::free(list);
     }
-    kv_printf(kv_trace, "Cleaning up block type list\n");
+    kv::print(kv_trace, "Cleaning up block type list\n");
     std::free(root);
 }
 
 }  // namespace kv::registry
 
 kv_block_info* kv_block_register(kv_mod_info* module, uint32_t block_type, uint32_t block_id) {
-    kv_printf(kv_debug, "Register block [type %d, id %d] for module [type %d, id %d]\n", block_type, block_id,
+    kv::print(kv_debug, "Register block [type %d, id %d] for module [type %d, id %d]\n", block_type, block_id,
               module->type, module->id);
     kv_block_list* list = blockListWithSlot(*module, block_type, block_id);
     if (list == nullptr) {
@@ -178,11 +179,11 @@ kv_block_info* kv_block_get(kv_mod_info* module, uint32_t block_type, uint32_t b
 }
 
 void kv_block_unregister(kv_mod_info* module, uint32_t block_type, uint32_t block_id) {
-    kv_printf(kv_debug, "Unregistering block [type %d, id %d] for module [type %d, id %d]\n", block_type,
+    kv::print(kv_debug, "Unregistering block [type %d, id %d] for module [type %d, id %d]\n", block_type,
               block_id, module->type, module->id);
     kv_block_info* block = kv_block_get(module, block_type, block_id);
     if (block == nullptr) {
-        kv_printf(kv_debug, "No block registered for: [type %d, id %d]\n", block_type, block_id);
+        kv::print(kv_debug, "No block registered for: [type %d, id %d]\n", block_type, block_id);
         return;
     }
     kv_block_type_list& root = *module->block_registry;
@@ -202,10 +203,10 @@ void kv_block_unregister(kv_mod_info* module, uint32_t block_type, uint32_t bloc
 }
 
 kv_block_info* kv_block_register_with_uid(kv_mod_info* module, uint32_t block_type, uint64_t uid) {
-    kv_printf(kv_debug, "Register block by UID [type %d, uid %ld] for module [type %d, id %d]\n", block_type,
+    kv::print(kv_debug, "Register block by UID [type %d, uid %ld] for module [type %d, id %d]\n", block_type,
               static_cast<long>(uid), module->type, module->id);
     const uint32_t id = firstFreeBlockId(*module, block_type);
-    kv_printf(kv_trace, "Found free block ID slot %d\n", id);
+    kv::print(kv_trace, "Found free block ID slot %d\n", id);
     kv_block_info* block = kv_block_register(module, block_type, id);
     if (block != nullptr) {
         block->uid = uid;

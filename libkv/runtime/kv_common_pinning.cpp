@@ -12,6 +12,7 @@
 #include <kv/diagnostics.h>
 #include <kv/threads.h>
 
+#include "os/cancellation.h"
 #include "os/directory.h"
 #include "runtime/kv_root.h"
 
@@ -140,6 +141,7 @@ int kv_pinThisThreadToCpu(int cpu) {
 }
 
 int kv_pickNextAsyncCpu(void) {
+    const kv::os::CancellationHold hold;
     const auto configured = static_cast<int>(sysconf(_SC_NPROCESSORS_CONF));
     if (configured <= kFirstAsyncCpu) {
         return -1;
@@ -155,6 +157,7 @@ int kv_pickNextAsyncCpu(void) {
 }
 
 int kv_pinThreadExclusiveCpu(int cpu) {
+    const kv::os::CancellationHold hold;
     const int savedErrno = errno;
     const int result = pinExclusively(cpu);
     errno = savedErrno;

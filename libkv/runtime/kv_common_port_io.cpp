@@ -1,9 +1,12 @@
 #include <kv/diagnostics.h>
 #include <kv/threads.h>
 
+#include "os/cancellation.h"
+
 namespace {
 
 void reportNotImplemented(const char* function) {
+    const kv::os::CancellationHold hold;
     kv_printf(kv_error, "%s() not implemented for aarch64\n", function);
 }
 

@@ -8,6 +8,8 @@
 #include <kv/diagnostics.h>
 #include <kv/process.h>
 
+#include "os/cancellation.h"
+
 namespace {
 
 constexpr const char* kVersionFile = "/usr/kelvaro/sysinfo/kelvaro_version.txt";
@@ -41,6 +43,7 @@ ArgumentVector splitArguments(char* executable, char* options) {
 }  // namespace
 
 int kv_spawnExecutable(const char* path, const char* executableName, const char* options) {
+    const kv::os::CancellationHold hold;
     std::array<char, kExecutablePathSize> executable;
     const int length = std::snprintf(executable.data(), executable.size(), "%s/%s", path, executableName);
     if (length < 0 || static_cast<std::size_t>(length) >= executable.size()) {
@@ -65,6 +68,7 @@ int kv_spawnExecutable(const char* path, const char* executableName, const char*
 }
 
 int kv_getLibVersion(char* outLibVer) {
+    const kv::os::CancellationHold hold;
     std::FILE* file = std::fopen(kVersionFile, "re");
     if (file == nullptr) {
         std::puts("ERROR: Could not open Kelvaro library information file");

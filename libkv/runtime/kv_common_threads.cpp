@@ -11,6 +11,7 @@
 #include <kv/diagnostics.h>
 #include <kv/threads.h>
 
+#include "os/cancellation.h"
 #include "runtime/kv_root.h"
 
 namespace {
@@ -100,6 +101,7 @@ bool startRealTime(pthread_t& thread, void* (*function)(void*), void* argument) 
 }  // namespace
 
 void* kv_createThread(void* (*func)(void*), void* arg) {
+    const kv::os::CancellationHold hold;
     auto* thread = new (std::nothrow) pthread_t;
     if (thread == nullptr || !startRealTime(*thread, func, arg)) {
         // Kept: after a failed start the handle stays allocated.
@@ -109,6 +111,7 @@ void* kv_createThread(void* (*func)(void*), void* arg) {
 }
 
 int kv_destroyThread(void* handler) {
+    const kv::os::CancellationHold hold;
     const std::unique_ptr<pthread_t> thread(static_cast<pthread_t*>(handler));
     const int result = pthread_cancel(*thread);
     if (result == 0) {
@@ -118,6 +121,7 @@ int kv_destroyThread(void* handler) {
 }
 
 int kv_setPidPriority(pid_t pid, int priority) {
+    const kv::os::CancellationHold hold;
     sched_param parameters{};
     parameters.sched_priority = priority;
     const int result = [&] {

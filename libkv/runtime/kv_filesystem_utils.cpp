@@ -4,6 +4,7 @@
 
 #include <kv/process.h>
 
+#include "os/cancellation.h"
 #include "os/directory.h"
 #include "runtime/kv_root.h"
 
@@ -14,6 +15,7 @@ constexpr mode_t kDirectoryMode = 0755;
 }  // namespace
 
 int kv_fs_checkDir(const char* path) {
+    const kv::os::CancellationHold hold;
     if (kv::os::openDirectory(path) != nullptr) {
         return 0;
     }
@@ -21,6 +23,7 @@ int kv_fs_checkDir(const char* path) {
 }
 
 int kv_fs_ensureDirExists(const char* path) {
+    const kv::os::CancellationHold hold;
     if (kv_fs_checkDir(path) == 0) {
         return 0;
     }
@@ -28,6 +31,7 @@ int kv_fs_ensureDirExists(const char* path) {
 }
 
 int kv_openAsRoot(const char* file, int flags) {
+    const kv::os::CancellationHold hold;
     const kv_beRootObj root;
     return ::open(file, flags);
 }

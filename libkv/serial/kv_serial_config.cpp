@@ -4,6 +4,7 @@
 #include <kv/diagnostics.h>
 #include <kv/serial.h>
 
+#include "os/cancellation.h"
 #include "serial/kv_serial_custom_rate.h"
 #include "serial/kv_serial_tables.h"
 
@@ -29,6 +30,7 @@ int setExtendedBaudrate(int port, int fd, const LineFlags& flags, speed_t baudra
 
 int kv_serial_device_config(int port, speed_t baudrate, int data_bits, parity_bits parity, int stop_bits,
                             int cts_mode) {
+    const kv::os::CancellationHold hold;
     const int fd = kv_serial_port_open(port, O_RDWR | O_NOCTTY);
     if (fd == -1) {
         return -1;

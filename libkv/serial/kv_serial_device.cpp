@@ -4,6 +4,8 @@
 #include <kv/diagnostics.h>
 #include <kv/serial.h>
 
+#include "diagnostics/kv_print.h"
+#include "os/cancellation.h"
 #include "serial/kv_serial_internal.h"
 
 namespace {
@@ -13,6 +15,7 @@ enum FlushBehaviour { kDrain = 0, kDrop = 1, kDrainAndClose = 2, kDropAndClose =
 }  // namespace
 
 int kv_serial_device_open(int port) {
+    const kv::os::CancellationHold hold;
     const int fd = kv_serial_port_open(port, O_RDWR | O_NONBLOCK);
     if (fd != -1) {
         kv_printf(kv_debug, "[port %d] kv_serial_device_open : fd = %d\n", port, fd);
@@ -21,11 +24,13 @@ int kv_serial_device_open(int port) {
 }
 
 int kv_serial_device_close(int port) {
+    const kv::os::CancellationHold hold;
     kv_printf(kv_debug, "[port %d] kv_serial_device_close : fd = %d\n", port, kv::serial::descriptorOf(port));
     return kv_serial_port_close(port);
 }
 
 int kv_serial_device_flush(int port, int behaviour) {
+    // Not held back as a whole: a drain lasts as long as the far end makes it.
     const int fd = kv_serial_port_open(port, O_RDWR | O_NOCTTY);
     if (fd == -1) {
         return -1;
@@ -41,12 +46,12 @@ int kv_serial_device_flush(int port, int behaviour) {
             result = ::tcflush(fd, TCIOFLUSH);
             break;
         default:
-            kv_printf(kv_error, "buffer_fd_behavior %d not supported\n", behaviour);
+            kv::print(kv_error, "buffer_fd_behavior %d not supported\n", behaviour);
             return -1;
     }
     if (behaviour == kDrainAndClose || behaviour == kDropAndClose) {
         (void)kv_serial_port_close(port);  // always 0
     }
-    kv_printf(kv_debug, "[port %d] kv_serial_device_flush : fd = %d\n", port, kv::serial::descriptorOf(port));
+    kv::print(kv_debug, "[port %d] kv_serial_device_flush : fd = %d\n", port, kv::serial::descriptorOf(port));
     return result;
 }

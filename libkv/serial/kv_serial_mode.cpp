@@ -3,6 +3,7 @@
 #include <kv/diagnostics.h>
 #include <kv/serial.h>
 
+#include "os/cancellation.h"
 #include "serial/kv_serial_internal.h"
 #include "serial/kv_serial_tables.h"
 
@@ -41,6 +42,7 @@ int kv::serial::driveLines(int port, const std::string& chip, std::initializer_l
 }
 
 int kv_serial_device_set_mode(int port, int mode) {
+    const kv::os::CancellationHold hold;
     const TransceiverLines* const lines = linesOf(port);
     if (lines == nullptr) {
         return -1;
@@ -60,6 +62,7 @@ int kv_serial_device_set_mode(int port, int mode) {
 }
 
 int kv_serial_device_set_termination(int port, int value) {
+    const kv::os::CancellationHold hold;
     const TransceiverLines* const lines = linesOf(port);
     if (lines == nullptr) {
         return -1;

@@ -1,10 +1,12 @@
 #include <array>
 #include <cstdlib>
+#include <new>
 #include <sys/stat.h>
 
 #include <kv/diagnostics.h>
 #include <kv/serial.h>
 
+#include "os/cancellation.h"
 #include "os/unique_fd.h"
 #include "runtime/kv_root.h"
 #include "serial/kv_serial_internal.h"
@@ -25,9 +27,12 @@ struct OnboardPorts {
 
 /** Never destroyed: exit handlers close ports too. */
 OnboardPorts& onboardPorts() {
-    static auto* const g_onboardPorts =
-        new OnboardPorts{{kClosed, kClosed, kClosed, kClosed, kClosed, kClosed}, {}};
-    return *g_onboardPorts;
+    static union Kept {
+        Kept() : ports{{kClosed, kClosed, kClosed, kClosed, kClosed, kClosed}, {}} {}
+        ~Kept() {}
+        OnboardPorts ports;
+    } g_onboardPorts;
+    return g_onboardPorts.ports;
 }
 
 /** The place of a port's descriptor; null for a port that does not exist. */
@@ -109,11 +114,15 @@ const std::string& kv::serial::gpioChipName() {
     return onboardPorts().gpioChipName;
 }
 
-int kv_serial_port_open(int port, int flags) {
+int kv_serial_port_open(int port, int flags) try {
+    const kv::os::CancellationHold hold;
     return kv::serial::openPort(kv_getTargetType(), port, flags);
+} catch (const std::bad_alloc&) {
+    return -1;
 }
 
 int kv_serial_port_close(int port) {
+    const kv::os::CancellationHold hold;
     int* const slot = slotOf(port);
     if (slot != nullptr && *slot >= 1) {  // descriptor 0 counts as closed
         const kv::os::UniqueFd closed(*slot);

@@ -2,11 +2,13 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
 #include <kv/serial.h>
 
+#include "os/cancellation.h"
 #include "os/sd_device.h"
 #include "serial/kv_target_order.h"
 
@@ -68,6 +70,7 @@ PciLookup collectNodes(sd_device& board, std::vector<std::string>& nodes) {
 }  // namespace
 
 int kv_findSerialDeviceByPort(uint32_t addr, char* outStr, size_t maxLength) {
+    const kv::os::CancellationHold hold;
     const SdEnumeratorPtr ttys = enumerateTtys();
     std::array<char, 20> address;
     (void)std::snprintf(address.data(), address.size(), "0x%X", addr);
@@ -79,7 +82,8 @@ int kv_findSerialDeviceByPort(uint32_t addr, char* outStr, size_t maxLength) {
     return node != nullptr && copyName(node, outStr, maxLength) ? 0 : -1;
 }
 
-int kv_findSerialDeviceByPci(kv_PCIDevice* pciInfo, int port, char* outStr, size_t maxLength) {
+int kv_findSerialDeviceByPci(kv_PCIDevice* pciInfo, int port, char* outStr, size_t maxLength) try {
+    const kv::os::CancellationHold hold;
     const SdDevicePtr board = findBoard(*pciInfo);
     if (!board) {
         return kNoBoard;
@@ -94,4 +98,6 @@ int kv_findSerialDeviceByPci(kv_PCIDevice* pciInfo, int port, char* outStr, size
     }
     const std::string& node = nodes[static_cast<std::size_t>(port)];
     return copyName(node.c_str(), outStr, maxLength) ? kFound : kNameTooLong;
+} catch (const std::bad_alloc&) {
+    return kNoEnumerator;
 }

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +16,7 @@
 #include <kv/soc.h>
 
 #include "diagnostics/kv_error_text.h"
+#include "os/cancellation.h"
 #include "os/directory.h"
 #include "os/unique_fd.h"
 #include "runtime/kv_root.h"
@@ -159,7 +161,8 @@ int setIrqAffinity(int irq, int cpu) {
 
 }  // namespace
 
-int kv_findAxiDevice(kv_AxiDevice* dev, const char* name) {
+int kv_findAxiDevice(kv_AxiDevice* dev, const char* name) try {
+    const kv::os::CancellationHold hold;
     for (int uioNumber = 0;; ++uioNumber) {
         const std::string path = formatString("/sys/class/uio/uio%d/name", uioNumber);
         const UniqueFd file = openFile(path, O_RDONLY);
@@ -173,9 +176,12 @@ int kv_findAxiDevice(kv_AxiDevice* dev, const char* name) {
             return 0;
         }
     }
+} catch (const std::bad_alloc&) {
+    return -1;
 }
 
-uintptr_t kv_mapAxiBar(kv_AxiDevice* dev, uint32_t mapIndex) {
+uintptr_t kv_mapAxiBar(kv_AxiDevice* dev, uint32_t mapIndex) try {
+    const kv::os::CancellationHold hold;
     if (!readMappingAttribute("addr", dev->uioIndex, mapIndex)) {
         return 0;  // the address itself is not needed, but a region without one is none
     }
@@ -201,9 +207,12 @@ uintptr_t kv_mapAxiBar(kv_AxiDevice* dev, uint32_t mapIndex) {
         return 0;
     }
     return reinterpret_cast<uintptr_t>(mapping);
+} catch (const std::bad_alloc&) {
+    return 0;
 }
 
-int kv_setAxiIrqAffinity(const char* name, int cpu) {
+int kv_setAxiIrqAffinity(const char* name, int cpu) try {
+    const kv::os::CancellationHold hold;
     if (name == nullptr || name[0] == '\0') {
         errno = EINVAL;
         kv::setErrorText("Invalid AXI device name");
@@ -219,4 +228,6 @@ int kv_setAxiIrqAffinity(const char* name, int cpu) {
         return -1;
     }
     return 0;
+} catch (const std::bad_alloc&) {
+    return -1;
 }

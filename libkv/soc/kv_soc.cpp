@@ -1,9 +1,11 @@
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include <kv/diagnostics.h>
 #include <kv/soc.h>
 
+#include "os/cancellation.h"
 #include "soc/kv_soc_internal.h"
 
 namespace {
@@ -33,6 +35,9 @@ int kv::loadBitstream(kv_TargetType type, const char* path) {
     return 0;
 }
 
-int kv_loadOnChipBitstream(const char* path) {
+int kv_loadOnChipBitstream(const char* path) try {
+    const kv::os::CancellationHold hold;
     return kv::loadBitstream(kv_getTargetType(), path);
+} catch (const std::bad_alloc&) {
+    return -1;
 }

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstring>
 #include <linux/pci_regs.h>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -9,6 +10,7 @@
 #include <kv/threads.h>
 
 #include "diagnostics/kv_error_text.h"
+#include "os/cancellation.h"
 #include "os/unique_fd.h"
 
 namespace {
@@ -73,7 +75,7 @@ int maskInterrupt(kv_InterruptContext& context) {
 
 }  // namespace
 
-int kv_uio_createInterruptContext(kv_InterruptContext** contextOut, kv_PCIDevice* pciInfo) {
+int kv_uio_createInterruptContext(kv_InterruptContext** contextOut, kv_PCIDevice* pciInfo) try {
     if (contextOut == nullptr) {
         kv::setErrorText("Invalid nullptr passed for contextOut");
         return -1;
@@ -88,6 +90,8 @@ int kv_uio_createInterruptContext(kv_InterruptContext** contextOut, kv_PCIDevice
     context->defaultPriority = kDefaultPriority;
     *contextOut = context;
     return 0;
+} catch (const std::bad_alloc&) {
+    return -1;
 }
 
 int kv_uio_setIrqProps(kv_InterruptContext* context) {
@@ -99,7 +103,8 @@ int kv_uio_resetIrqProps(kv_InterruptContext* /*context*/) {
     return 0;
 }
 
-int kv_uio_interruptAttach(kv_InterruptContext* context) {
+int kv_uio_interruptAttach(kv_InterruptContext* context) try {
+    const kv::os::CancellationHold hold;
     if (context == nullptr) {
         kv::setErrorText("Invalid nullptr passed for context");
         return -1;
@@ -114,6 +119,8 @@ int kv_uio_interruptAttach(kv_InterruptContext* context) {
         return failure;
     }
     return maskInterrupt(*context);
+} catch (const std::bad_alloc&) {
+    return -ENOMEM;
 }
 
 int kv_uio_interruptWait(kv_InterruptContext* context) {
@@ -133,6 +140,7 @@ int kv_uio_enableInterrupt(kv_InterruptContext* context) {
         }
         return 0;
     }
+    const kv::os::CancellationHold hold;
     const ssize_t written = ::pwrite(context->configfd, &context->command_high, 1, kCommandHigh);
     if (!isWhole(written, 1)) {
         // Kept: the text is that of the write's result; the reason is in ours.
@@ -144,6 +152,7 @@ int kv_uio_enableInterrupt(kv_InterruptContext* context) {
 }
 
 int kv_uio_interruptEnableFix(kv_InterruptContext* context) {
+    const kv::os::CancellationHold hold;
     _kv_int_fix& fix = context->kv_int_fix;
     fix.requested_by_user = true;
     // The driver takes the first write for the type and the second for the mask.
@@ -159,6 +168,7 @@ int kv_uio_interruptEnableFix(kv_InterruptContext* context) {
 }
 
 void kv_uio_interruptDetach(kv_InterruptContext* context) {
+    const kv::os::CancellationHold hold;
     if (context == nullptr) {
         return;
     }

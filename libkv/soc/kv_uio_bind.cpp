@@ -1,12 +1,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 #include <sys/stat.h>
 
 #include <kv/diagnostics.h>
 #include <kv/soc.h>
 
+#include "os/cancellation.h"
 #include "os/directory.h"
 #include "os/unique_fd.h"
 #include "runtime/kv_root.h"
@@ -87,7 +89,8 @@ bool fixUioDevicePermissions(int uioNumber) {
 
 }  // namespace
 
-int kv_uio_bindDeviceToUio(kv_PCIDevice* pciDev) {
+int kv_uio_bindDeviceToUio(kv_PCIDevice* pciDev) try {
+    const kv::os::CancellationHold hold;
     const std::string uioFolder =
         formatString("/sys/bus/pci/devices/0000:%02x:%02x.0/uio", pciDev->bus, pciDev->slot);
     if (!isDeviceBoundToUio(uioFolder) && !bindDeviceToUio(pciDev, uioFolder)) {
@@ -98,4 +101,6 @@ int kv_uio_bindDeviceToUio(kv_PCIDevice* pciDev) {
         return -1;
     }
     return uioNumber;
+} catch (const std::bad_alloc&) {
+    return -1;
 }

@@ -5,6 +5,8 @@
 
 #include <kv/target.h>
 
+#include "os/cancellation.h"
+
 namespace {
 
 constexpr const char* kMarketingNameFile = "/usr/kelvaro/sysinfo/kelvaro_marketingName.txt";
@@ -51,6 +53,7 @@ std::string inWhite(const std::string& text) {
 }  // namespace
 
 std::string kv_getTargetScreenLine1() {
+    const kv::os::CancellationHold hold;
     const std::string line1 = "Kelvaro";
     // The installation's name, not the compiled-in one: the placeholder shows that its file is missing.
     const std::string targetMarketingName = firstLine(kMarketingNameFile).value_or("MarketingName");
@@ -59,5 +62,6 @@ std::string kv_getTargetScreenLine1() {
 }
 
 std::string kv_getTargetScreenLine2() {
+    const kv::os::CancellationHold hold;
     return inWhite(firstLine(kVersionFile).value_or(""));
 }

@@ -4,6 +4,7 @@
 
 #include <kv/target.h>
 
+#include "os/cancellation.h"
 #include "os/unique_fd.h"
 #include "target/kv_target_internal.h"
 
@@ -44,6 +45,7 @@ int readFromTextFile(const char* filename, char* buf, int nBytes) {
 }
 
 int kv_getSerialNumber(void) {
+    const kv::os::CancellationHold hold;
     SerialNumberText serial;
     if (!readSerialNumber(serial) || serial[0] < '0' || serial[0] > '9') {
         return -1;
@@ -52,9 +54,11 @@ int kv_getSerialNumber(void) {
 }
 
 int kv_getSerialNumberInternal(void) {
+    const kv::os::CancellationHold hold;
     return prefixedSerialNumber('i');
 }
 
 int kv_getSerialNumberSupplier(void) {
+    const kv::os::CancellationHold hold;
     return prefixedSerialNumber('s');
 }

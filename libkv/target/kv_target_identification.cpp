@@ -4,6 +4,7 @@
 
 #include <kv/diagnostics.h>
 
+#include "os/cancellation.h"
 #include "target/kv_target_internal.h"
 
 namespace {
@@ -51,6 +52,7 @@ const char* kv_getTargetMarketingName(void) {
 }
 
 int32_t kv_getCpuTemperature(void) {
+    const kv::os::CancellationHold hold;
     std::array<char, 16> text{};
     std::FILE* file = std::fopen(kTemperatureFile, "r");
     if (file == nullptr) {

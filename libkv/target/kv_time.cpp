@@ -10,6 +10,7 @@
 #include <kv/target.h>
 #include <kv/threads.h>
 
+#include "os/cancellation.h"
 #include "target/kv_time_internal.h"
 
 namespace {
@@ -114,6 +115,7 @@ int kv_getTargetTime(char* targetTime) {
 }
 
 double kv_getTargetTimeNum(void) {
+    const kv::os::CancellationHold hold;
     std::array<char, kCalendarTextSize> text;
     (void)kv_getTargetTime(text.data());
     return str2dn(text.data());
@@ -128,6 +130,7 @@ double kv_getSecondsSinceStart(void) {
 }
 
 int print_dt(DateTime_T* dt) {
+    const kv::os::CancellationHold hold;
     std::printf("DateTime: %i-", dt->year);
     std::printf("%02i", dt->month);
     std::printf("-%02i ", dt->dom);
@@ -136,6 +139,7 @@ int print_dt(DateTime_T* dt) {
 }
 
 int print_ds(DateStr_T* ds) {
+    const kv::os::CancellationHold hold;
     std::printf("DateStr: wd = %s, ", textOf(ds->wd).c_str());
     std::printf("month = %s, ", textOf(ds->month).c_str());
     std::printf("dom = %s, ", textOf(ds->dom).c_str());

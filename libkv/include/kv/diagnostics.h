@@ -39,7 +39,9 @@ extern KV_EXPORT char pKvErrorStr[KV_ERROR_STR_SIZE];
  *
  * A line becomes the record "KV: " + line on channel 0. Text after the last newline is dropped, so a message
  * without a newline writes nothing; of a message of 511 characters or more the first 511 count, and the last
- * of them becomes the newline. A message that cannot be formatted is dropped. errno is left as it was.
+ * of them becomes the newline. A message that cannot be formatted is dropped, and so is a line where a sink
+ * throws. errno is left as it was. A cancellation point: a thread that is cancelled ends when its lines are
+ * written.
  *
  * @param severity  a Severity; any other value writes a fixed error record in place of each line
  * @param msg       printf format; ends in a newline

@@ -3,8 +3,8 @@
  * The life of a model: whether it runs for the first time; hooks before it, at its start and at its exit.
  *
  * Nothing is locked: these functions belong to the model's initialisation, which runs on one thread. Nothing
- * here blocks longer than the small files it reads and writes. Where memory is exhausted, std::bad_alloc may
- * leave them.
+ * here blocks longer than the small files it reads and writes. Where memory is exhausted, the run
+ * counts as a first one, the model is not tagged, and a start callback is not called.
  */
 #ifndef KV_LIFECYCLE_H
 #define KV_LIFECYCLE_H

@@ -28,7 +28,7 @@ KV_BEGIN_DECLS
  * occupied, none is available, and none is lost: each further call tries again, and kv_freePersistentMemory()
  * gives them up.
  *
- * Where memory is exhausted, the functions throw std::bad_alloc.
+ * A function that needs memory where it is exhausted fails; kv_freePersistentMemory() leaves blocks then.
  *
  * One process at a time uses persistent memory. A process may be killed at any moment: a block that it has
  * handed out is found again whole, a half-made one is not found. Reasons of failures go to the log.
@@ -73,8 +73,8 @@ KV_EXPORT void kv_freePersistentMemory(void);
  *
  * The kernel's devices of uncached buffers outlive the process: what is not freed stays until the next
  * process asks for its first uncached buffer, which removes them all. So one process at a time uses them.
- * All functions block on the kernel's files; reasons of failures go to the log. Where memory is exhausted,
- * those that allocate or free throw std::bad_alloc.
+ * All functions block on the kernel's files; reasons of failures go to the log. A function that needs
+ * memory where it is exhausted fails.
  * @{
  */
 

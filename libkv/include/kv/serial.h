@@ -10,7 +10,7 @@
  * Nothing is locked: one thread opens ports, whichever they are, and one thread at a time uses an open port.
  * All functions block on system calls. Reasons of failures are logged at kv_error unless a function says
  * otherwise.
- * Where memory is exhausted, functions that need some throw std::bad_alloc, unless they say otherwise.
+ * A function that needs memory where it is exhausted fails.
  */
 #ifndef KV_SERIAL_H
 #define KV_SERIAL_H

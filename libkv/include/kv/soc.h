@@ -10,7 +10,7 @@
  * thread, and block on system calls; kv_uio_interruptWait() and kv_uio_enableInterrupt() are for the one
  * thread that serves a context's interrupt. The reason of a failure is in pKvErrorStr unless a function says
  * otherwise. Root rights are taken for single privileged calls where the process may have them.
- * Where memory is exhausted, functions that need some throw std::bad_alloc, unless they say otherwise.
+ * A function that needs memory where it is exhausted fails; pKvErrorStr may stay as it is then.
  */
 #ifndef KV_SOC_H
 #define KV_SOC_H
@@ -156,10 +156,10 @@ typedef struct {
 KV_EXPORT int kv_uio_bindDeviceToUio(kv_PCIDevice* pciDev);
 
 /**
- * Makes a context for a board, not yet attached. Throws std::bad_alloc when memory is exhausted.
+ * Makes a context for a board, not yet attached.
  *
  * @param contextOut  receives the context, which kv_uio_interruptDetach() frees
- * @return 0; -1 when @p contextOut is null
+ * @return 0; -1 when @p contextOut is null or memory is exhausted
  */
 KV_EXPORT int kv_uio_createInterruptContext(kv_InterruptContext** contextOut, kv_PCIDevice* pciInfo);
 

@@ -97,7 +97,10 @@ KV_EXPORT void* kv_createThread(void* (*func)(void*), void* arg);
 
 /**
  * Cancels a thread, waits until it has ended and frees its handle. Blocks until the thread reaches a
- * cancellation point.
+ * cancellation point. Of the library's functions these are: kv_printf(), at its end; kv_wait_s() from 1 ms
+ * on, kv_waitForSemaphore(), kv_waitForBaseRateSync(), kv_uio_interruptWait(), and kv_serial_device_flush()
+ * while it drains. All others hold cancellation back. The thread's stack unwinds: compile C code in it with
+ * -fexceptions, and let no catch (...) in C++ code keep abi::__forced_unwind.
  *
  * @return 0, or the error number of the cancellation; the thread is then not waited for, but the handle is
  *         freed all the same
