@@ -11,10 +11,13 @@ install(TARGETS kvctl RUNTIME)
 install(DIRECTORY libkv/include/kv brevane/include/brevane TYPE INCLUDE)
 
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/kv)
-install(EXPORT kvTargets NAMESPACE kv:: DESTINATION ${package})
+foreach(targets kvTargets kvSimulatorTargets)
+    install(EXPORT ${targets} NAMESPACE kv:: DESTINATION ${package})
+endforeach()
 configure_package_config_file(cmake/kvConfig.cmake.in ${PROJECT_BINARY_DIR}/kvConfig.cmake INSTALL_DESTINATION ${package})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/kvConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${PROJECT_BINARY_DIR}/kvConfig.cmake ${PROJECT_BINARY_DIR}/kvConfigVersion.cmake DESTINATION ${package})
+install(FILES ${PROJECT_BINARY_DIR}/kvConfig.cmake ${PROJECT_BINARY_DIR}/kvConfigVersion.cmake cmake/KvModel.cmake
+    DESTINATION ${package})
 
 # The files tell their prefix from where they lie, so that an installed tree may be moved.
 set(pkgconfig ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

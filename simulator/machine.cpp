@@ -179,8 +179,7 @@ void Machine::enter() {
         server->serve();
     }
     prepend(kCommandFolder, "PATH", kDefaultPath);
-    prepend((installationPrefix() / KVSIM_INSTALLED_LIBRARIES).string() + KVSIM_BUILT_LIBRARIES,
-            "LD_LIBRARY_PATH", "");
+    prepend(installationPrefix() / KVSIM_INSTALLED_LIBRARIES, "LD_LIBRARY_PATH", "");
     // sd-device believes that a /sys which is not the kernel's is none.
     ::setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);
 }

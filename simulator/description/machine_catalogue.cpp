@@ -32,7 +32,6 @@ std::vector<fs::path> machineFolders() {
     const char* const ownFolders = std::getenv("KVSIM_MACHINES");
     addFolders(ownFolders == nullptr ? "" : ownFolders, folders);
     addFolders(installationPrefix() / KVSIM_INSTALLED_MACHINES, folders);
-    addFolders(KVSIM_BUILT_MACHINES, folders);
     return folders;
 }
 

@@ -5,12 +5,10 @@
 namespace kvsim {
 
 /**
- * The folder above the running program's own. What is installed with the program is found from there, even
- * where both were moved.
+ * Returns the nearest folder above this code's own file (the program, or libkvsim.so) in which the files of
+ * the simulator are installed. What is installed with the code is found from there, even where all of it was
+ * moved. Build trees have the layout of an installation. The result is empty where there is no such folder.
  */
-inline std::filesystem::path installationPrefix() {
-    std::error_code error;
-    return std::filesystem::read_symlink("/proc/self/exe", error).parent_path().parent_path();
-}
+std::filesystem::path installationPrefix();
 
 }  // namespace kvsim

@@ -39,6 +39,10 @@ run(${CMAKE_COMMAND} -S ${CONSUMER} -B ${work}/package -G ${GENERATOR} -DCMAKE_C
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF)
 run(${CMAKE_COMMAND} --build ${work}/package)
 expect_board(${work}/package/consumer)
+run(${CMAKE_COMMAND} -E env BREVANE_LOG=off ${work}/package/bench_test)
+if(NOT output MATCHES "board at bus 9, port open\n")
+    message(FATAL_ERROR "The test on a simulated machine printed:\n${output}")
+endif()
 
 set(ENV{PKG_CONFIG_PATH} ${prefix}/${LIBRARY_DIR}/pkgconfig)
 run(pkg-config --cflags --libs kv brevane)

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "kvsim/export.h"
+
 namespace kvsim {
 
 /** Where an element was described: line and column in its file, counted from 1. Zero when it was built in
@@ -18,7 +20,7 @@ struct Position {
 
 /** A description that is no possible machine. what() tells the reason, and the file and place where one is
  * known. */
-class DescriptionError : public std::runtime_error {
+class KVSIM_EXPORT DescriptionError : public std::runtime_error {
  public:
     DescriptionError(const std::string& reason, Position position)
         : std::runtime_error(reason), position_(position) {}
@@ -213,6 +215,6 @@ struct MachineDescription {
 
 /** Throws DescriptionError for the first thing that no machine could have, such as two functions at one
  * address. */
-void validate(const MachineDescription& description);
+KVSIM_EXPORT void validate(const MachineDescription& description);
 
 }  // namespace kvsim

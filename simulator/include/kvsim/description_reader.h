@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "kvsim/description.h"
+#include "kvsim/export.h"
 
 namespace kvsim {
 
@@ -12,21 +13,21 @@ namespace kvsim {
  * Reads and validates a machine described in YAML. Throws DescriptionError with "FILE:LINE:COLUMN: reason",
  * or "FILE: reason" where the file as a whole is at fault.
  */
-MachineDescription readDescription(const std::filesystem::path& file);
+KVSIM_EXPORT MachineDescription readDescription(const std::filesystem::path& file);
 
 /**
  * The folders in which machines are looked up by name: those of the environment's KVSIM_MACHINES, separated
  * by colons, then the machines that come with the simulator.
  */
-std::vector<std::filesystem::path> machineFolders();
+KVSIM_EXPORT std::vector<std::filesystem::path> machineFolders();
 
 /** The machines of all folders, sorted within each; the first of several with one name counts. */
-std::vector<std::filesystem::path> machineFiles();
+KVSIM_EXPORT std::vector<std::filesystem::path> machineFiles();
 
 /**
  * The file of a machine: a path is one that ends in ".yaml" or holds a slash, anything else a name to be
  * looked up. Throws DescriptionError, with the names there are, when there is no such machine.
  */
-std::filesystem::path findMachine(const std::string& nameOrPath);
+KVSIM_EXPORT std::filesystem::path findMachine(const std::string& nameOrPath);
 
 }  // namespace kvsim

@@ -8,17 +8,18 @@
 #include <vector>
 
 #include "kvsim/description.h"
+#include "kvsim/export.h"
 
 namespace kvsim {
 
 /** This process may not be put on a machine of its own; what() tells which right is missing and how to get
  * it. */
-class MachineUnavailable : public std::runtime_error {
+class KVSIM_EXPORT MachineUnavailable : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
 /** Adds to one PCI function of a machine. Valid as long as the machine. */
-class PciFunctionBuilder {
+class KVSIM_EXPORT PciFunctionBuilder {
  public:
     PciFunctionBuilder(MachineDescription& machine, std::size_t index) : machine_(&machine), index_(index) {}
 
@@ -46,7 +47,7 @@ class PciFunctionBuilder {
 };
 
 /** A function of the machine that this process runs on, seen through the files that the machine offers. */
-class PciFunctionFiles {
+class KVSIM_EXPORT PciFunctionFiles {
  public:
     explicit PciFunctionFiles(const PciFunction& description);
 
@@ -85,7 +86,7 @@ class PciFunctionFiles {
  * File helpers throw std::system_error naming the path. Members other than enter() may be used from any one
  * thread.
  */
-class Machine {
+class KVSIM_EXPORT Machine {
  public:
     Machine() = default;
     explicit Machine(MachineDescription description) : description_(std::move(description)) {}
@@ -103,8 +104,8 @@ class Machine {
     Machine& addAxiDevice(AxiDevice device);
     /**
      * Programs that are started on the machine reach its chips through libgpiod: LD_LIBRARY_PATH leads them
-     * to the machine's own. A process that enters by itself has loaded libgpiod before, and so must be linked
-     * with the machine's own, kvsim_gpio.
+     * to the machine's own. A process that enters by itself has loaded libgpiod before, so it must be linked
+     * with the machine's own: the CMake target kv::simulator sees to that.
      */
     Machine& addGpioChip(GpioChip chip);
     /** Where the u-dma-buf manager takes buffers from; without it there is no manager. */

@@ -207,7 +207,7 @@ TEST_F(SerialPorts, SwitchTheirTransceivers) {
 TEST_F(SerialPorts, OfStartedProgramsReachTheMachinesGpioToo) {
     ENTER_MACHINE(machine_);
     const auto libraries = kv::test::shell("ldd '" KV_LIBRARY "' | grep 'libgpiod\\.so'");
-    EXPECT_THAT(libraries.output, testing::HasSubstr("simulator/gpio/libgpiod.so.2 "));
+    EXPECT_THAT(libraries.output, testing::HasSubstr("/kvsim/libgpiod.so.2 "));
 }
 
 }  // namespace
