@@ -35,3 +35,7 @@ foreach(tool kvctl kvsim)
     install(FILES tools/completion/${tool}.bash RENAME ${tool}
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 endforeach()
+set(KV_ZSH_COMPLETIONS ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING "Where zsh finds completions, below the prefix")
+install(FILES tools/completion/kv.zsh RENAME _kv DESTINATION ${KV_ZSH_COMPLETIONS})
+configure_file(cmake/environment.sh.in ${PROJECT_BINARY_DIR}/environment.sh @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/environment.sh DESTINATION ${CMAKE_INSTALL_DATADIR}/kv)
