@@ -1,9 +1,13 @@
 #include "os/pci_access.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <iterator>
 #include <string>
+#include <unistd.h>
 
 #include "os/directory.h"
 
@@ -33,28 +37,25 @@ struct FileCloser {
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
 };
 
-void checkDeviceNames() {
-    const DirectoryPtr directory = openDirectory(kPciDevicesDirectory);
-    if (!directory) {
-        return;  // libpci tells
-    }
-    while (const dirent* entry = readdir(directory.get())) {
-        unsigned domain = 0;
-        unsigned bus = 0;
-        unsigned slot = 0;
-        int function = 0;
-        if (entry->d_name[0] != '.' &&
-            std::sscanf(entry->d_name, "%x:%x:%x.%d", &domain, &bus, &slot, &function) < 4) {
-            throw PciError(std::string("no PCI address: ") + kPciDevicesDirectory + "/" + entry->d_name);
-        }
-    }
+/** The path of a file of a function, or of its folder. */
+std::string pathOf(const PciAddress& function, const char* file) {
+    std::array<char, 64> name;
+    std::snprintf(name.data(), name.size(), "/%04x:%02x:%02x.%x/", function.domain, function.bus,
+                  function.slot, function.function);
+    return std::string(kPciDevicesDirectory) + name.data() + file;
+}
+
+PciAddress addressOf(const pci_dev& device) {
+    return {static_cast<unsigned>(device.domain), device.bus, device.dev, device.func};
+}
+
+bool isMissing(const PciAddress& function) {
+    return ::access(pathOf(function, "").c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
 void checkResources(const pci_dev& device) {
     std::array<char, 128> text;
-    std::snprintf(text.data(), text.size(), "%s/%04x:%02x:%02x.%d/resource", kPciDevicesDirectory,
-                  static_cast<unsigned>(device.domain), device.bus, device.dev, device.func);
-    const std::string path = text.data();
+    const std::string path = pathOf(addressOf(device), "resource");
     const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
     if (!file) {
         return;  // libpci tells
@@ -67,10 +68,6 @@ void checkResources(const pci_dev& device) {
             throw PciError("no address ranges: " + path);
         }
     }
-}
-
-bool readsSysfs(const pci_access& access) {
-    return access.method == PCI_ACCESS_SYS_BUS_PCI;
 }
 
 }  // namespace
@@ -86,11 +83,51 @@ PciAccessPtr openPciAccess() {
     return access;
 }
 
+bool readsSysfs(const pci_access& access) {
+    return access.method == PCI_ACCESS_SYS_BUS_PCI;
+}
+
+std::vector<PciAddress> listedFunctions() {
+    const DirectoryPtr directory = openDirectory(kPciDevicesDirectory);
+    if (!directory) {
+        throw PciError(std::string("cannot open ") + kPciDevicesDirectory);
+    }
+    std::vector<PciAddress> functions;
+    while (const dirent* entry = nextEntry(*directory)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        PciAddress& each = functions.emplace_back();
+        if (std::sscanf(entry->d_name, "%x:%x:%x.%x", &each.domain, &each.bus, &each.slot, &each.function) <
+            4) {
+            throw PciError(std::string("no PCI address: ") + kPciDevicesDirectory + "/" + entry->d_name);
+        }
+    }
+    if (errno != 0) {
+        throw PciError(std::string("cannot read all of ") + kPciDevicesDirectory);
+    }
+    std::ranges::sort(functions);
+    return functions;
+}
+
 void scanBus(pci_access& access) {
+    std::vector<PciAddress> expected;
     if (readsSysfs(access)) {
-        checkDeviceNames();
+        expected = listedFunctions();
     }
     pci_scan_bus(&access);
+
+    // libpci takes a failure to read the list for its end.
+    std::vector<PciAddress> found;
+    for (const pci_dev* device = access.devices; device != nullptr; device = device->next) {
+        found.push_back(addressOf(*device));
+    }
+    std::ranges::sort(found);
+    std::vector<PciAddress> lacking;
+    std::ranges::set_difference(expected, found, std::back_inserter(lacking));
+    if (!std::ranges::all_of(lacking, isMissing)) {
+        throw PciError(std::string("libpci has not read all of ") + kPciDevicesDirectory);
+    }
 }
 
 void fillInfo(pci_dev& device, int fields) {
@@ -103,6 +140,10 @@ void fillInfo(pci_dev& device, int fields) {
         device.known_fields = 0;  // libpci takes a field as known from the first attempt on
         throw;
     }
+}
+
+bool hasVanished(const pci_dev& device) {
+    return readsSysfs(*device.access) && isMissing(addressOf(device));
 }
 
 PciDevicePtr getPciDevice(pci_access& access, unsigned bus, unsigned slot, unsigned function) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <compare>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
 extern "C" {
 #include <pci/pci.h>
@@ -35,7 +37,26 @@ void nop(char* msg, ...) __attribute__((format(printf, 1, 2)));
  */
 PciAccessPtr openPciAccess();
 
-/** Fills the object's device list. Throws PciError when the list cannot be read or names something else. */
+/** The place of a PCI function. */
+struct PciAddress {
+    unsigned domain;
+    unsigned bus;
+    unsigned slot;
+    unsigned function;
+
+    auto operator<=>(const PciAddress&) const = default;
+};
+
+/** Whether libpci reads sysfs, and not the hardware itself. */
+bool readsSysfs(const pci_access& access);
+
+/**
+ * The functions that sysfs lists, in ascending order. Throws PciError when the list cannot be read as a whole
+ * or names something else.
+ */
+std::vector<PciAddress> listedFunctions();
+
+/** Fills the object's device list. Throws PciError when the list cannot be read or lacks a function. */
 void scanBus(pci_access& access);
 
 /**
@@ -43,6 +64,9 @@ void scanBus(pci_access& access);
  * as not filled at all, so that a later call reads again.
  */
 void fillInfo(pci_dev& device, int fields);
+
+/** Whether sysfs no longer has a device. */
+bool hasVanished(const pci_dev& device);
 
 /** A handle for one function in domain 0; never empty, also where there is no such function. */
 PciDevicePtr getPciDevice(pci_access& access, unsigned bus, unsigned slot, unsigned function);

@@ -22,10 +22,6 @@ struct Identity {
     uint16_t subDevice;
 };
 
-bool isBoard(const pci_dev& device, const Identity& wanted) {
-    return device.vendor_id == wanted.vendor && device.device_id == wanted.device;
-}
-
 bool subsystemMatches(pci_dev& device, const Identity& wanted) {
     const auto matches = [&device](uint16_t id, int offset) {
         return id == KV_PCI_ANY_SUBSYSTEM || pci_read_word(&device, offset) == id;
@@ -53,6 +49,19 @@ void enableMemoryAndBusMastering(pci_dev& device) {
     pci_write_word(&device, PCI_COMMAND, static_cast<u16>(command));
 }
 
+/** Whether a device has the wanted vendor and device id. One that vanished after the scan has none. */
+bool isBoard(pci_dev& device, const Identity& wanted) {
+    try {
+        kv::os::fillInfo(device, PCI_FILL_IDENT);
+    } catch (const kv::os::PciError&) {
+        if (kv::os::hasVanished(device)) {
+            return false;
+        }
+        throw;
+    }
+    return device.vendor_id == wanted.vendor && device.device_id == wanted.device;
+}
+
 void fillRecord(pci_dev& device, uint32_t ordinal, kv_PCIDevice& record) {
     kv::os::fillInfo(device, kFillAll);
     record.dev = &device;
@@ -72,7 +81,6 @@ int findByIndex(const Identity& wanted, int position, kv_PCIDevice& record) {
     int counter = 0;
     for (pci_dev* device = kv_pci_access()->devices; device != nullptr; device = device->next) {
         enableMemoryAndBusMastering(*device);
-        kv::os::fillInfo(*device, PCI_FILL_IDENT);
         if (!isBoard(*device, wanted) || !subsystemMatches(*device, wanted)) {
             continue;
         }
@@ -92,7 +100,6 @@ int findAtSlot(const Identity& wanted, uint16_t bus, uint16_t slot, kv_PCIDevice
     pci_dev* taken = nullptr;
     for (pci_dev* device = access->devices; device != nullptr && taken == nullptr; device = device->next) {
         pci_write_byte(device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
-        kv::os::fillInfo(*device, PCI_FILL_IDENT);
         if (!isBoard(*device, wanted)) {
             continue;
         }

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "os/cancellation.h"
-#include "os/directory.h"
 #include "pci/kv_pci_internal.h"
 
 namespace {
@@ -39,19 +38,12 @@ class Candidates {
     /** Every address, or where libpci reads sysfs those that sysfs lists: one directory read saves all other
      * probes. */
     explicit Candidates(const pci_access& access) {
-        kv::os::DirectoryPtr directory;
-        if (access.method == PCI_ACCESS_SYS_BUS_PCI) {
-            directory = kv::os::openDirectory(kv::os::kPciDevicesDirectory);
-        }
-        if (!directory) {
+        if (!kv::os::readsSysfs(access)) {
             functions_.set();
             return;
         }
-        while (const dirent* entry = readdir(directory.get())) {
-            unsigned bus = 0;
-            unsigned slot = 0;
-            unsigned function = 0;
-            if (std::sscanf(entry->d_name, "0000:%2x:%2x.%1x", &bus, &slot, &function) == 3 && slot < 32 &&
+        for (const auto& [domain, bus, slot, function] : kv::os::listedFunctions()) {
+            if (domain == 0 && bus < kBuses && slot < kFunctionsPerBus / kFunctionsPerSlot &&
                 function < kFunctionsPerSlot) {
                 functions_.set(index(bus, slot, function));
             }

@@ -84,7 +84,8 @@ typedef struct _kv_topo_bridge {
  * @param topo  receives the array of the functions on the bus in ascending slot and function order, null when
  * there is none. The arrays, bridge records and texts come from malloc and belong to the caller;
  * kv::OwnedTopology frees them.
- * @return the number of functions on the bus itself, -1 when the machine offers no access to PCI
+ * @return the number of functions on the bus itself; -1 when the machine offers no access to PCI or the
+ * system's list of its devices cannot be read as a whole
  */
 KV_EXPORT int32_t kv_getPciTopologyAtBus(kv_topo_node** topo, uint32_t bus);
 
@@ -107,13 +108,17 @@ KV_EXPORT void kv_printPciTopology(kv_topo_node* topo, uint32_t n);
  * command register. By index: memory space and bus mastering are added, with root rights. At a slot: they
  * replace the low byte, so that I/O space goes off, without root rights; where the process has none, nothing
  * changes.
+ *
+ * A device that the system has removed since the bus was scanned is passed over, unless an earlier look-up
+ * has identified it: then it keeps its position.
  * @{
  */
 
 /**
  * Finds the n-th board of an identity in ascending (bus, slot, function) order.
  *
- * Sees the bus as it was at the first look-up by index, or scan, of the process. Sets no error text.
+ * Sees the bus as it was at the first look-up by index, or scan, of the process that could read the whole
+ * list of devices. Sets no error text.
  *
  * @param moduleId  position from 1; 0 and negative values find the first
  */

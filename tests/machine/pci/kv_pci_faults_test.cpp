@@ -3,7 +3,9 @@
 #include <filesystem>
 #include <iterator>
 #include <string>
+#include <sys/resource.h>
 
+#include "breakable_listing.h"
 #include "pci_machine.h"
 
 using kv::test::error;
@@ -48,6 +50,8 @@ class PciFaults : public kv::test::PciMachine {
         EXPECT_EQ(kv_findPciDeviceMultiIDs(&board_, "AI", 1, &vendor, &device, &any, &any, 1, -1, -1), 1);
     }
 
+    static int topology() { return kv::OwnedTopology().count(); }
+
     static auto openFiles() {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                              std::filesystem::directory_iterator());
@@ -79,6 +83,38 @@ TEST_F(PciFaults, AnEmptyBus) {
     expectNothingIsFound(0);
 }
 
+TEST_F(PciFaults, AListOfDevicesThatBreaksOff) {
+    ::alarm(20);
+    kv::test::BreakableListing listing(kDevices);
+    const auto before = openFiles();
+    const auto expectFailure = [&](int brokenListing, const char* call, int result, int documented) {
+        EXPECT_EQ(result, documented) << call << ", listing " << brokenListing;
+        EXPECT_EQ(openFiles(), before) << call << ", listing " << brokenListing;
+    };
+    for (const int broken : {1, 2}) {
+        listing.breakNth(broken);
+        expectFailure(broken, "by index", byIndex(), 1);
+        listing.breakNth(broken);
+        expectFailure(broken, "at a slot", atSlot(), 1);
+        listing.breakNth(broken);
+        expectFailure(broken, "topology", topology(), -1);
+    }
+    EXPECT_EQ(byIndex(), 0) << "a broken list is not kept";
+    EXPECT_EQ(atSlot(), 0);
+    EXPECT_EQ(topology(), 1);
+    listing.breakNth(1);
+    expectFailure(1, "topology with the list of the look-up", topology(), -1);
+    constexpr rlimit kNoMore{0, 0};
+    ::setrlimit(RLIMIT_NOFILE, &kNoMore);
+    EXPECT_EQ(topology(), -1) << "without a descriptor for it";
+}
+
+TEST_F(PciFaults, ADeviceThatVanishesBeforeItIsVisitedHidesNoOther) {
+    EXPECT_EQ(topology(), 1) << "lists the devices, visits none";
+    Machine::remove(std::string(kDevices) + "/0000:00:01.0");
+    EXPECT_EQ(byIndex(), 0);
+}
+
 TEST_F(PciFaults, AttributesThatAreGarbledOrGone) {
     const std::string folder = std::string(kDevices) + "/0000:01:00.0/";
     Machine::write(folder + "resource", "no numbers here\n");
@@ -95,39 +131,34 @@ TEST_F(PciFaults, AConfigurationSpaceThatCannotBeOpened) {
     EXPECT_EQ(byIndex(), 0) << "the identity comes from other files";
     EXPECT_EQ(kvPCI_getDeviceByIdx(kVendor, kDevice, 0x1111, kAnySubsystem, 1, &board_), 1);
     EXPECT_EQ(atSlot(), 0);
-    const kv::OwnedTopology topology;
-    ASSERT_EQ(topology.count(), 1);
-    EXPECT_EQ(reinterpret_cast<kv_topo_bridge*>(topology.nodes()[0].customData)->nChildren, 0U);
+    const kv::OwnedTopology scanned;
+    ASSERT_EQ(scanned.count(), 1);
+    EXPECT_EQ(reinterpret_cast<kv_topo_bridge*>(scanned.nodes()[0].customData)->nChildren, 0U);
     log_.take();
     kvPCI_restorePCIConfig(&board_, std::array<uint32_t, 8>{}.data());
     EXPECT_THAT(log_.take(), ElementsAre(error("PCI header restore: device not found (bus: 1 / slot: 0)")));
 }
 
-TEST_F(PciFaults, NoCallLeavesAFileOpen) {
+TEST_F(PciFaults, NoCallLeavesAFileOpenBesideTheBoardsOfALookUp) {
+    topology();
     byIndex();
-    const kv::OwnedTopology first;
     const auto before = openFiles();
     uint32_t saved[8];
-    for (int repetition = 0; repetition < 5; ++repetition) {
-        byIndex();
-        atSlot();
-        const kv::OwnedTopology again;
-        kv_mapMemory(&board_, 0);
-        kvPCI_backupPCIConfig(&board_, saved);
-        kvPCI_restorePCIConfig(&board_, saved);
-        kv_pci_unbindDriver(&board_);
-        kv_pci_probeDriver(&board_);
-    }
-    EXPECT_EQ(openFiles(), before);
-
-    for (const char* fault : {"/0000:01:00.0/resource", "/garbled"}) {
-        Machine::write(std::string(kDevices) + fault, "no numbers here\n");
-        for (int repetition = 0; repetition < 5; ++repetition) {
-            byIndex();
-            EXPECT_EQ(atSlot(), 1);
-            const kv::OwnedTopology closesTheFileOfTheLookUp;
+    for (const char* fault : {"", "/0000:01:00.0/resource", "/garbled"}) {
+        if (*fault != '\0') {
+            Machine::write(std::string(kDevices) + fault, "no numbers here\n");
         }
-        EXPECT_EQ(openFiles(), before) << "a failure for " << fault;
+        for (int repetition = 0; repetition < 5; ++repetition) {
+            EXPECT_EQ(atSlot(), *fault == '\0' ? 0 : 1);
+            topology();
+            kv_mapMemory(&board_, 0);
+            kvPCI_backupPCIConfig(&board_, saved);
+            kvPCI_restorePCIConfig(&board_, saved);
+            kv_pci_unbindDriver(&board_);
+            kv_pci_probeDriver(&board_);
+            byIndex();
+        }
+        EXPECT_EQ(openFiles(), before) << "with the fault '" << fault << "'";
     }
 }
 
