@@ -7,9 +7,10 @@
 #include <cstdio>
 #include <iterator>
 #include <string>
-#include <unistd.h>
+#include <utility>
 
 #include "os/directory.h"
+#include "os/unique_fd.h"
 
 namespace kv::os {
 
@@ -146,9 +147,35 @@ bool hasVanished(const pci_dev& device) {
     return readsSysfs(*device.access) && isMissing(addressOf(device));
 }
 
+bool openConfig(pci_dev& device, int flags) {
+    pci_access& access = *device.access;
+    const bool forWriting = flags == O_RDWR;
+    const bool isOpen = access.cached_dev == &device && access.fd >= 0 && (access.fd_rw != 0 || !forWriting);
+    if (!readsSysfs(access) || isOpen) {
+        return true;
+    }
+    UniqueFd(std::exchange(access.fd, -1)).reset();
+    access.fd = openFile(pathOf(addressOf(device), "config"), flags).release();  // libpci closes it
+    access.fd_rw = static_cast<int>(forWriting);
+    access.fd_pos = 0;
+    access.cached_dev = &device;
+    return access.fd >= 0;
+}
+
+std::optional<u32> readRegister(pci_dev& device, int offset, int sizeBytes) {
+    std::array<u8, sizeof(u32)> bytes{};
+    if (pci_read_block(&device, offset, bytes.data(), sizeBytes) == 0) {
+        return std::nullopt;
+    }
+    return bytes[0] | static_cast<u32>(bytes[1]) << 8 | static_cast<u32>(bytes[2]) << 16 |
+           static_cast<u32>(bytes[3]) << 24;
+}
+
 PciDevicePtr getPciDevice(pci_access& access, unsigned bus, unsigned slot, unsigned function) {
-    return PciDevicePtr(
+    PciDevicePtr device(
         pci_get_dev(&access, 0, static_cast<int>(bus), static_cast<int>(slot), static_cast<int>(function)));
+    (void)openConfig(*device, O_RDONLY);  // what cannot be read shows as all ones
+    return device;
 }
 
 bool isPresent(pci_dev& device) {

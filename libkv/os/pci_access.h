@@ -1,7 +1,9 @@
 #pragma once
 
 #include <compare>
+#include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <vector>
 
@@ -68,7 +70,23 @@ void fillInfo(pci_dev& device, int fields);
 /** Whether sysfs no longer has a device. */
 bool hasVanished(const pci_dev& device);
 
-/** A handle for one function in domain 0; never empty, also where there is no such function. */
+/**
+ * Opens a device's configuration space, O_RDONLY or O_RDWR, for the libpci calls that follow; they keep it
+ * open until they turn to another device. libpci would open it without close-on-exec, and a program that is
+ * started meanwhile would inherit it.
+ *
+ * @return false where it cannot be opened
+ */
+bool openConfig(pci_dev& device, int flags);
+
+/** Reads a register of one to four bytes. Empty where that fails, which libpci's own reads show as all ones.
+ */
+std::optional<u32> readRegister(pci_dev& device, int offset, int sizeBytes);
+
+/**
+ * A handle for one function in domain 0 with its configuration space opened for reading; never empty, also
+ * where there is no such function.
+ */
 PciDevicePtr getPciDevice(pci_access& access, unsigned bus, unsigned slot, unsigned function);
 
 /** Whether a function answers at all. */

@@ -24,29 +24,27 @@ struct Identity {
 
 bool subsystemMatches(pci_dev& device, const Identity& wanted) {
     const auto matches = [&device](uint16_t id, int offset) {
-        return id == KV_PCI_ANY_SUBSYSTEM || pci_read_word(&device, offset) == id;
+        return id == KV_PCI_ANY_SUBSYSTEM ||
+               (kv::os::openConfig(device, O_RDONLY) && pci_read_word(&device, offset) == id);
     };
     return matches(wanted.subVendor, PCI_SUBSYSTEM_VENDOR_ID) && matches(wanted.subDevice, PCI_SUBSYSTEM_ID);
 }
 
-/** Lets reads open the configuration file for writing too, so that a read and a write share one descriptor.
- */
-class ScopedWriteable {
- public:
-    explicit ScopedWriteable(pci_access& access) : access_(access) { access_.writeable = 1; }
-    ~ScopedWriteable() { access_.writeable = 0; }
-    ScopedWriteable(const ScopedWriteable&) = delete;
-    ScopedWriteable& operator=(const ScopedWriteable&) = delete;
-
- private:
-    pci_access& access_;
-};
-
 void enableMemoryAndBusMastering(pci_dev& device) {
     const kv_beRootObj root;
-    const ScopedWriteable writeable(*device.access);
-    const int command = pci_read_word(&device, PCI_COMMAND) | PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER;
-    pci_write_word(&device, PCI_COMMAND, static_cast<u16>(command));
+    if (!kv::os::openConfig(device, O_RDWR)) {
+        return;
+    }
+    if (const auto command = kv::os::readRegister(device, PCI_COMMAND, sizeof(u16))) {
+        pci_write_word(&device, PCI_COMMAND,
+                       static_cast<u16>(*command | PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER));
+    }
+}
+
+void replaceCommandByte(pci_dev& device) {
+    if (kv::os::openConfig(device, O_RDWR)) {
+        pci_write_byte(&device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
+    }
 }
 
 /** Whether a device has the wanted vendor and device id. One that vanished after the scan has none. */
@@ -99,7 +97,7 @@ int findAtSlot(const Identity& wanted, uint16_t bus, uint16_t slot, kv_PCIDevice
     uint32_t skipped = 0;
     pci_dev* taken = nullptr;
     for (pci_dev* device = access->devices; device != nullptr && taken == nullptr; device = device->next) {
-        pci_write_byte(device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
+        replaceCommandByte(*device);
         if (!isBoard(*device, wanted)) {
             continue;
         }

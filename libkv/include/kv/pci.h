@@ -106,8 +106,8 @@ KV_EXPORT void kv_printPciTopology(kv_topo_node* topo, uint32_t n);
  *
  * As a side effect every device that is visited on the way, bridges and strangers included, is enabled in its
  * command register. By index: memory space and bus mastering are added, with root rights. At a slot: they
- * replace the low byte, so that I/O space goes off, without root rights; where the process has none, nothing
- * changes.
+ * replace the low byte, so that I/O space goes off, without root rights. Where the process has none, or the
+ * register cannot be read, nothing changes.
  *
  * A device that the system has removed since the bus was scanned is passed over, unless an earlier look-up
  * has identified it: then it keeps its position.
@@ -118,7 +118,8 @@ KV_EXPORT void kv_printPciTopology(kv_topo_node* topo, uint32_t n);
  * Finds the n-th board of an identity in ascending (bus, slot, function) order.
  *
  * Sees the bus as it was at the first look-up by index, or scan, of the process that could read the whole
- * list of devices. Sets no error text.
+ * list of devices. Keeps the configuration space of the last device that it visited open, close-on-exec. Sets
+ * no error text.
  *
  * @param moduleId  position from 1; 0 and negative values find the first
  */

@@ -14,6 +14,8 @@ using kv::test::kDevice;
 using kv::test::kVendor;
 using kvsim::Machine;
 using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
@@ -127,6 +129,9 @@ TEST_F(PciFaults, AttributesThatAreGarbledOrGone) {
 
 TEST_F(PciFaults, AConfigurationSpaceThatCannotBeOpened) {
     const std::string config = std::string(kDevices) + "/0000:01:00.0/config";
+    std::filesystem::resize_file(config, 4);
+    EXPECT_EQ(byIndex(), 0);
+    EXPECT_EQ(std::filesystem::file_size(config), 4U) << "a command that cannot be read is not written";
     Machine::replaceByFolder(config);
     EXPECT_EQ(byIndex(), 0) << "the identity comes from other files";
     EXPECT_EQ(kvPCI_getDeviceByIdx(kVendor, kDevice, 0x1111, kAnySubsystem, 1, &board_), 1);
@@ -142,6 +147,7 @@ TEST_F(PciFaults, AConfigurationSpaceThatCannotBeOpened) {
 TEST_F(PciFaults, NoCallLeavesAFileOpenBesideTheBoardsOfALookUp) {
     topology();
     byIndex();
+    EXPECT_THAT(inheritedFiles(), Not(HasSubstr("config")));
     const auto before = openFiles();
     uint32_t saved[8];
     for (const char* fault : {"", "/0000:01:00.0/resource", "/garbled"}) {

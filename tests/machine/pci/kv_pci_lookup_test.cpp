@@ -1,3 +1,7 @@
+#include <filesystem>
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -143,6 +147,24 @@ TEST_F(Lookup, AtASlotReplacesTheCommandByteOfWhatItVisits) {
     }
     EXPECT_EQ(atSlot(4, 0), 1) << "another identity";
     EXPECT_THAT(log_.take(), IsEmpty());
+}
+
+TEST_F(Lookup, WithoutRootRightsFindsTheBoardAndEnablesNothing) {
+    const auto boardsCommand = [this] { return machine_.pci(5, 2).config16(kCommand); };
+    const uint16_t before = boardsCommand();
+    for (const auto& function : machine_.description().pciFunctions) {
+        std::filesystem::permissions(machine_.pci(function.bus, function.slot).path() + "/config",
+                                     std::filesystem::perms(0444));
+    }
+    __user_cap_header_struct thisThread{_LINUX_CAPABILITY_VERSION_3, 0};
+    constexpr __user_cap_data_struct kNone[_LINUX_CAPABILITY_U32S_3]{};
+    ASSERT_EQ(::syscall(SYS_capset, &thisThread, kNone), 0);
+
+    EXPECT_EQ(byIndex(1, 0x1111, 0x0002), 0);
+    EXPECT_EQ(record_.bus, 5U);
+    EXPECT_THAT(inheritedFiles(), testing::Not(testing::HasSubstr("config")));
+    EXPECT_EQ(atSlot(5, 2, 0x1111, 0x0002), 0);
+    EXPECT_EQ(boardsCommand(), before);
 }
 
 TEST_F(Lookup, AtASlotCountsTheBoardsOfTheIdentityThatItPassesOver) {

@@ -11,6 +11,7 @@
 
 #include "support/log_capture.h"
 #include "support/machine_test.h"
+#include "support/shell.h"
 
 namespace kv::test {
 
@@ -44,6 +45,9 @@ class PciMachine : public testing::Test {
         bridge.slot = slot;
         return machine_.addBridge(bridge, secondaryBus);
     }
+
+    /** The files that a program inherits when this process starts it. */
+    static std::string inheritedFiles() { return shell("ls -l /proc/self/fd").output; }
 
     kvsim::Machine machine_;
     LogCapture log_;
