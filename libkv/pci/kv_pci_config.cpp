@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <array>
+#include <optional>
 
 #include <kv/diagnostics.h>
 
@@ -19,34 +21,52 @@ constexpr std::array kSavedDwords = {PCI_BASE_ADDRESS_0, PCI_BASE_ADDRESS_1, PCI
                                      PCI_INTERRUPT_LINE};
 constexpr std::size_t kSavedCommand = kSavedDwords.size();
 
+/** In place of the command register, whose upper bits are never set: the board was there but not readable. */
+constexpr uint32_t kNotSaved = 0xFFFFFFFF;
+
 constexpr int kHeaderSize = 64;
 
-/** Runs an operation on function 0 of a board through a fresh access object. False where the board is absent.
- */
+using SaveArea = std::array<uint32_t, kSavedCommand + 1>;
+
+/** Runs an operation on function 0 of a board through a fresh access object. @return what it returns; false
+ * where the board is absent */
 template <typename Operation>
 bool withPresentDevice(const kv_PCIDevice& board, Operation operation) {
     return orOnFailure(false, [&] {
         const PciAccessPtr access = kv::os::openPciAccess();
         const PciDevicePtr device = kv::os::getPciDevice(*access, board.bus, board.slot, 0);
-        if (!kv::os::isPresent(*device)) {
-            return false;
-        }
-        operation(*device);
-        return true;
+        return kv::os::isPresent(*device) && operation(*device);
     });
+}
+
+/** Empty where a register cannot be read. */
+std::optional<SaveArea> readConfiguration(pci_dev& device) {
+    SaveArea saved;
+    for (std::size_t i = 0; i < saved.size(); ++i) {
+        const auto value = i == kSavedCommand ? kv::os::readRegister(device, PCI_COMMAND, sizeof(u16))
+                                              : kv::os::readRegister(device, kSavedDwords[i], sizeof(u32));
+        if (!value) {
+            return std::nullopt;
+        }
+        saved[i] = *value;
+    }
+    return saved;
 }
 
 }  // namespace
 
 void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave) {
     const kv::os::CancellationHold hold;
-    const bool present = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
-        for (std::size_t i = 0; i < kSavedDwords.size(); ++i) {
-            configSave[i] = pci_read_long(&device, kSavedDwords[i]);
+    const bool saved = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
+        const auto configuration = readConfiguration(device);
+        if (!configuration) {
+            configSave[kSavedCommand] = kNotSaved;
+            return false;
         }
-        configSave[kSavedCommand] = pci_read_word(&device, PCI_COMMAND);
+        std::ranges::copy(*configuration, configSave);
+        return true;
     });
-    if (!present) {
+    if (!saved) {
         kv_printf(kv_error, "PCI header backup: device not found (bus: %d / slot: %d)\n", pciinfo->bus,
                   pciinfo->slot);
     }
@@ -55,14 +75,17 @@ void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave) {
 void kvPCI_restorePCIConfig(kv_PCIDevice* pciinfo, const uint32_t* configSave) {
     const kv::os::CancellationHold hold;
     const kv_beRootObj root;
-    const bool present = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
-        for (std::size_t i = 0; i < kSavedDwords.size(); ++i) {
-            pci_write_long(&device, kSavedDwords[i], configSave[i]);
-        }
-        pci_write_word(&device, PCI_COMMAND, static_cast<u16>(configSave[kSavedCommand]));
-        pci_write_byte(&device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
-    });
-    if (!present) {
+    const bool restored =
+        configSave[kSavedCommand] != kNotSaved && withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
+            (void)kv::os::openConfig(device, O_RDWR);  // whether writes arrive is not examined
+            for (std::size_t i = 0; i < kSavedDwords.size(); ++i) {
+                pci_write_long(&device, kSavedDwords[i], configSave[i]);
+            }
+            pci_write_word(&device, PCI_COMMAND, static_cast<u16>(configSave[kSavedCommand]));
+            pci_write_byte(&device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
+            return true;
+        });
+    if (!restored) {
         kv_printf(kv_error, "PCI header restore: device not found (bus: %d / slot: %d)\n", pciinfo->bus,
                   pciinfo->slot);
     }
@@ -74,6 +97,7 @@ void kvPCI_printPCIConfig(kv_PCIDevice* pciinfo) {
         for (int offset = 0; offset < kHeaderSize; offset += 4) {
             kv_printf(kv_info, "config[0x%x] = 0x%x\n", offset, pci_read_long(&device, offset));
         }
+        return true;
     });
 }
 

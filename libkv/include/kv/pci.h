@@ -196,15 +196,18 @@ KV_EXPORT void kv_showPciDevice(kv_PCIDevice* pDev);
 
 /**
  * Saves the part of the configuration header that a reset of the board loses. Uses only bus and slot of the
- * record. Where no function 0 answers there, that is logged at kv_error and nothing is saved.
+ * record. Where no function 0 answers there, that is logged at kv_error and @p configSave stays as it is.
  *
- * @param configSave  receives eight words: the six BARs, the dword at 0x3C, the command register
+ * @param configSave  receives eight words: the six BARs, the dword at 0x3C, the command register. Where
+ * function 0 answers but one of them cannot be read, only the last is set, to 0xffffffff, and the same is
+ * logged.
  */
 KV_EXPORT void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave);
 
 /**
  * Writes back what kvPCI_backupPCIConfig() saved; memory space and bus mastering are on afterwards, I/O space
- * off. Where no function 0 answers there, that is logged at kv_error and nothing is written.
+ * off. Where no function 0 answers there, or the last word is 0xffffffff, that is logged at kv_error and
+ * nothing is written.
  */
 KV_EXPORT void kvPCI_restorePCIConfig(kv_PCIDevice* pciinfo, const uint32_t* configSave);
 

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
+#include <filesystem>
 #include <unistd.h>
 
 #include "pci_machine.h"
@@ -60,6 +61,22 @@ TEST_F(Configuration, OfAnAbsentBoardIsReportedAndNotTouched) {
     EXPECT_THAT(log_.take(), ElementsAre(error("PCI header restore: device not found (bus: 2 / slot: 4)")));
     kvPCI_printPCIConfig(&absent_);
     EXPECT_THAT(log_.take(), IsEmpty());
+}
+
+TEST_F(Configuration, ThatCannotBeReadWholeIsNeitherSavedNorRestored) {
+    const std::string config = machine_.pci(2, 3).path() + "/config";
+    for (const unsigned readableBytes : {0x3CU, 0x10U, 4U}) {
+        std::filesystem::resize_file(config, readableBytes);
+        const std::string before = kvsim::Machine::read(config);
+        uint32_t saved[8] = {};
+        kvPCI_backupPCIConfig(&board_, saved);
+        EXPECT_EQ(saved[7], 0xFFFFFFFFU) << readableBytes;
+        kvPCI_restorePCIConfig(&board_, saved);
+        EXPECT_EQ(kvsim::Machine::read(config), before) << readableBytes;
+        EXPECT_THAT(log_.take(),
+                    ElementsAre(error("PCI header backup: device not found (bus: 2 / slot: 3)"),
+                                error("PCI header restore: device not found (bus: 2 / slot: 3)")));
+    }
 }
 
 TEST_F(Configuration, IsPrintedAsTheStandardHeader) {
