@@ -20,6 +20,7 @@ using kv::pci::SysfsText;
 
 constexpr const char* kMemoryDevice = "/dev/mem";
 constexpr std::size_t kEnableTextSize = 9;
+constexpr uint64_t kBarFlagBits = 0xF;
 
 UniqueFd openOrWarn(const SysfsText& path, int flags) {
     UniqueFd file = openFile(path.c_str(), flags);
@@ -27,6 +28,12 @@ UniqueFd openOrWarn(const SysfsText& path, int flags) {
         kv_printf(kv_warning, "Failed to open %s: %s\n", path.c_str(), std::strerror(errno));
     }
     return file;
+}
+
+/** Where a BAR is in the machine's memory; BaseAddress alone lacks what is above 4 GiB. */
+uint64_t physicalAddress(const kv_PCIDevice& board, uint32_t bar) {
+    const uint64_t raw = board.BaseAddress_raw[bar];
+    return raw > UINT32_MAX ? raw & ~kBarFlagBits : board.BaseAddress[bar];
 }
 
 /** Empty when the file could not be read, which is then logged. */
@@ -84,7 +91,7 @@ void* kv_mapMemory(kv_PCIDevice* dev, uint32_t bar) {
     if (lead != 0) {
         file.reset();
         file = openFile(kMemoryDevice, O_RDWR);
-        offset = dev->BaseAddress[bar] - lead;
+        offset = static_cast<off_t>(physicalAddress(*dev, bar) - lead);
     }
     if (!file) {
         return reportMapFailure(errno);

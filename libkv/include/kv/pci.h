@@ -36,7 +36,7 @@ typedef struct _kv_PCIDevice {
     uint32_t slot;                          /**< device number on the bus */
     uintptr_t BaseAddress_raw[KV_PCI_BARS]; /**< BARs as libpci reports them, flag bits included */
     uint32_t BaseAddress[KV_PCI_BARS];      /**< their low 32 bits without the flag bits 0 to 3 */
-    uint32_t Length[KV_PCI_BARS];           /**< BAR sizes in bytes, 0 where there is no such BAR */
+    uint32_t Length[KV_PCI_BARS];           /**< BAR sizes in bytes; 0 for no BAR and for 4 GiB and more */
     uintptr_t VirtAddress[KV_PCI_BARS];     /**< process address of each mapped BAR */
     uint16_t VendorId;                      /**< vendor id */
     uint16_t DeviceId;                      /**< device id */
@@ -177,14 +177,15 @@ KV_EXPORT int kv_findPciDeviceMultiIDs(kv_PCIDevice* pPciInfo, const char* pDevN
 /**
  * Maps a BAR into the process, shared, readable and writable; the mapping stays until the process ends.
  *
- * A BAR at a page boundary is mapped through /sys/bus/pci/devices/.../resourceN, any other through /dev/mem.
- * The device is enabled first through its `enable` file; a failure there is only logged.
+ * A BAR at a page boundary is mapped through /sys/bus/pci/devices/.../resourceN, any other through /dev/mem
+ * at BaseAddress, or at BaseAddress_raw where that is above 4 GiB. The device is enabled first through its
+ * `enable` file; a failure there is only logged.
  *
  * @param bar  0 to 5, a BAR in memory space: that of port I/O has no address in memory, and what is mapped
  * for it is not the board's. Nor can a BAR be mapped that a driver of the kernel has claimed, where the
  * kernel is built with CONFIG_IO_STRICT_DEVMEM.
  * @return the process address of the BAR's first byte, also stored in VirtAddress; null, with a log record,
- * when the BAR cannot be mapped
+ * when the BAR cannot be mapped, as one whose Length is 0
  */
 KV_EXPORT void* kv_mapMemory(kv_PCIDevice* dev, uint32_t bar);
 

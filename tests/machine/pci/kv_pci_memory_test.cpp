@@ -19,7 +19,7 @@ namespace {
 
 constexpr const char* kPath = "/sys/bus/pci/devices/0000:01:04.0/";
 
-/** A board with one BAR of 8 KiB on a page boundary and one of 256 bytes inside a page. */
+/** A board with a BAR of 8 KiB on a page boundary and two of 256 bytes inside a page, 4 GiB apart. */
 class BarMapping : public kv::test::PciMachine {
  protected:
     void SetUp() override {
@@ -29,6 +29,8 @@ class BarMapping : public kv::test::PciMachine {
             .registers({{0x0, 0x11111111}, {0x1FFC, 0x22222222}})
             .bar(1, 0xA0010100, 0x100)
             .registers({{0x0, 0x33333333}, {0xFC, 0x44444444}})
+            .bar(4, 0x1A0010100, 0x100)
+            .registers({{0x0, 0x55555555}})
             .enabled(true);
         ENTER_MACHINE(machine_);
         ASSERT_EQ(kvPCI_getDeviceAtSlot(kVendor, kDevice, kAnySubsystem, kAnySubsystem, 1, 4, &board_), 0);
@@ -63,6 +65,10 @@ TEST_F(BarMapping, InsideAPageGoesThroughPhysicalMemoryToItsFirstByte) {
     EXPECT_EQ(wordAt(base, 0xFC), 0x44444444U);
     static_cast<volatile uint32_t*>(base)[1] = 0xBEEF;
     EXPECT_EQ(machine_.pci(1, 4).barWord(1, 4), 0xBEEFU);
+
+    void* above4GiB = kv_mapMemory(&board_, 4);
+    ASSERT_NE(above4GiB, nullptr);
+    EXPECT_EQ(wordAt(above4GiB, 0), 0x55555555U);
 }
 
 TEST_F(BarMapping, EnablesADisabledDeviceAndLeavesAnEnabledOneAlone) {
@@ -135,7 +141,7 @@ TEST_F(BarMapping, ShowsTheBoardAndRefusesPortIo) {
                             info("Subsystem Vendor ID = 0x43"), info("bus = 1, slot = 4"),
                             info("    Phys   Virtual   Length IO/Mem"), info("a0002000 deadbeef 00002000"),
                             info("a0010100 00000000 00000100"), info("00000000 00000000 00000000"),
-                            info("00000000 00000000 00000000"), info("00000000 00000000 00000000"),
+                            info("00000000 00000000 00000000"), info("a0010100 00000000 00000100"),
                             info("00000000 00000000 00000000")));
     EXPECT_EQ(kv_mapIo(&board_, 0), nullptr);
     EXPECT_THAT(log_.take(), ElementsAre(error("kv_mapIo() not implemented for aarch64")));
