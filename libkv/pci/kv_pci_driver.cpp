@@ -1,5 +1,7 @@
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <string>
 
 #include <kv/diagnostics.h>
 
@@ -46,7 +48,7 @@ int kv_pci_unbindDriver(kv_PCIDevice* device) {
     return 0;
 }
 
-int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName) {
+int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName) try {
     const kv::os::CancellationHold hold;
     if (device == nullptr) {
         kv_printf(kv_info, "kv_pci_bindDriver: device is null.\n");
@@ -54,14 +56,16 @@ int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName) {
     }
     const kv_beRootObj root;
     (void)kv_pci_unbindDriver(device);  // the board may be free already
-    const SysfsText path("/sys/bus/pci/drivers/%.255s/bind", driverName);
-    const UniqueFd file = openFile(path.c_str(), O_WRONLY);
+    const std::string path = kv::utils::formatString("/sys/bus/pci/drivers/%s/bind", driverName);
+    const UniqueFd file = openFile(path, O_WRONLY);
     if (!file) {
         kv_printf(kv_info, "Could not open bind file %s for writing.\n", path.c_str());
         return -1;
     }
     writeAddress(file, *device);
     return 0;
+} catch (const std::bad_alloc&) {
+    return -1;
 }
 
 int kv_pci_probeDriver(kv_PCIDevice* device) {

@@ -236,7 +236,12 @@ KV_EXPORT int kv_pci_openPciConfig(kv_PCIDevice* pciDev, int flags);
 /** Takes the board from its driver. @return 0, also when no driver was bound; -1 */
 KV_EXPORT int kv_pci_unbindDriver(kv_PCIDevice* device);
 
-/** Takes the board from its driver and gives it to another. @return 0, or -1 when there is no such driver */
+/**
+ * Takes the board from its driver and gives it to another.
+ *
+ * @param driverName  the folder's name in /sys/bus/pci/drivers
+ * @return 0, or -1 when there is no such driver
+ */
 KV_EXPORT int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName);
 
 /** Lets the kernel choose a driver for the board. @return 0 or -1 */
