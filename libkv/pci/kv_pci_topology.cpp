@@ -195,6 +195,9 @@ const char* bridgeText(uint32_t headerType) {
 }
 
 void printBranch(unsigned depth, const kv_topo_node* nodes, uint32_t n) {
+    if (nodes == nullptr) {
+        return;
+    }
     for (const kv_topo_node* node = nodes; node != nodes + n; ++node) {
         for (unsigned tab = 0; tab < depth; ++tab) {
             std::putchar('\t');

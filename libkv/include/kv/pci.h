@@ -92,7 +92,10 @@ KV_EXPORT int32_t kv_getPciTopologyAtBus(kv_topo_node** topo, uint32_t bus);
 /** Scans from bus 0. See kv_getPciTopologyAtBus(). */
 KV_EXPORT int32_t kv_getPciTopology(kv_topo_node** topo);
 
-/** Prints the tree of @p n nodes to standard output, one line a function, children one tab further in. */
+/**
+ * Prints the tree of @p n nodes to standard output, one line a function, children one tab further in. A null
+ * array prints nothing.
+ */
 KV_EXPORT void kv_printPciTopology(kv_topo_node* topo, uint32_t n);
 
 /** @} */

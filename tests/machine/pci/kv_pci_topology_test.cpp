@@ -184,6 +184,7 @@ TEST_F(Topology, PrintsChildrenBelowTheirBridgeOneTabFurtherIn) {
     const kv::OwnedTopology topology;
     testing::internal::CaptureStdout();
     kv_printPciTopology(topology.nodes(), static_cast<uint32_t>(topology.count()));
+    kv_printPciTopology(nullptr, 1);
     std::fflush(stdout);
     const std::string expected = kv::utils::formatString(
         "00,01,00\t-\tVID: %04x, DID: %04x, PCIe2 x4\t\t\t(PCI-to-PCI bridge)\n"
