@@ -59,17 +59,17 @@ int openFiles(kv_InterruptContext& context) {
 
 /** Masks the board's interrupt and keeps the byte that unmasks it. */
 int maskInterrupt(kv_InterruptContext& context) {
-    unsigned char commandHigh = 0;
+    unsigned char& commandHigh = context.command_high;
     if (!isWhole(::pread(context.configfd, &commandHigh, 1, kCommandHigh), 1)) {
         kv::setErrorText("Failed to read upper command byte: %s\n", std::strerror(errno));
         return -errno;
     }
-    commandHigh |= kInterruptDisable;
-    if (!isWhole(::pwrite(context.configfd, &commandHigh, 1, kCommandHigh), 1)) {
+    const unsigned char masked = commandHigh | kInterruptDisable;
+    if (!isWhole(::pwrite(context.configfd, &masked, 1, kCommandHigh), 1)) {
         kv::setErrorText("Failed to write upper command byte: %s\n", std::strerror(errno));
         return -errno;
     }
-    context.command_high = commandHigh ^ kInterruptDisable;
+    commandHigh = masked ^ kInterruptDisable;
     return 0;
 }
 

@@ -177,6 +177,8 @@ KV_EXPORT int kv_uio_resetIrqProps(kv_InterruptContext* context);
  *
  * After a failure the context keeps what is open already: detach it, or attach again, which begins anew.
  *
+ * Where the interrupt cannot be masked, command_high is the byte as it was read.
+ *
  * @return 0; -1 for a null context; else a negative errno value
  */
 KV_EXPORT int kv_uio_interruptAttach(kv_InterruptContext* context);

@@ -1,3 +1,6 @@
+#include <csignal>
+#include <sys/resource.h>
+
 #include "uio_machine.h"
 
 using kv::test::Context;
@@ -12,6 +15,23 @@ const std::string kDrivers = "/sys/bus/pci/drivers/";
 const std::string kNewId = kDrivers + "uio_kelvaro/new_id";
 const std::string kBind = kDrivers + "uio_kelvaro/bind";
 const std::string kUnbind = kDrivers + "kelvaro_legacy/unbind";
+
+/** While it lives, files take no bytes from this process. */
+class RefusedWrites {
+ public:
+    RefusedWrites() {
+        ::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &former_);
+        const rlimit none{0, former_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &none);
+    }
+    ~RefusedWrites() { ::setrlimit(RLIMIT_FSIZE, &former_); }
+    RefusedWrites(const RefusedWrites&) = delete;
+    RefusedWrites& operator=(const RefusedWrites&) = delete;
+
+ private:
+    rlimit former_{};
+};
 
 class UioContext : public kv::test::UioMachine {
  protected:
@@ -85,13 +105,14 @@ TEST_F(UioContext, KeepsWhatAFailedAttachmentOpenedUntilTheNextOneOrTheEnd) {
     EXPECT_EQ(context->uioIndex, -1);
 
     Machine::write("/dev/uio0", "");
-    makeFull(ofBoard(kFree, "/config"));
-    expectNotAttached(context, ENOSPC, "Failed to write upper command byte: No space left on device\n", 2);
-    EXPECT_EQ(kv_uio_enableInterrupt(context.get()), -ENOSPC);
+    Machine::write(ofBoard(kFree, "/config"), "12345\x03");
+    RefusedWrites refused;
+    expectNotAttached(context, EFBIG, "Failed to write upper command byte: File too large\n", 2);
+    EXPECT_EQ(context->command_high, 0x03) << "as it was read";
+    EXPECT_EQ(kv_uio_enableInterrupt(context.get()), -EFBIG);
     EXPECT_STREQ(pKvErrorStr, "Interrupt Enable: Failed to write config file: Unknown error -1\n");
-    ASSERT_EQ(::dup2(context->configfd, context->uiofd), context->uiofd);
-    EXPECT_EQ(kv_uio_interruptEnableFix(context.get()), -ENOSPC);
-    EXPECT_STREQ(pKvErrorStr, "Failed to enable Kelvaro interrupt fix: No space left on device\n");
+    EXPECT_EQ(kv_uio_interruptEnableFix(context.get()), -EFBIG);
+    EXPECT_STREQ(pKvErrorStr, "Failed to enable Kelvaro interrupt fix: File too large\n");
     EXPECT_TRUE(context->kv_int_fix.requested_by_user);
 }
 
