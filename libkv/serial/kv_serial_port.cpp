@@ -1,5 +1,4 @@
 #include <array>
-#include <cstdlib>
 #include <new>
 #include <sys/stat.h>
 
@@ -7,6 +6,7 @@
 #include <kv/serial.h>
 
 #include "os/cancellation.h"
+#include "os/shell.h"
 #include "os/unique_fd.h"
 #include "runtime/kv_root.h"
 #include "serial/kv_serial_internal.h"
@@ -56,7 +56,7 @@ void letEveryUserOpen(const char* node) {
 /** Switches the port's transmitter on. Once its line is found, the chip's name counts for all ports. */
 bool prepare(int port, const OnboardPort& onboard) {
     if (onboard.stopConsole != nullptr) {
-        (void)!std::system(onboard.stopConsole);  // there may be no console to stop
+        (void)kv::os::runShell(onboard.stopConsole);  // there may be no console to stop
     }
     const auto transmitLine = kv::serial::findGpioLine(onboard.transmitLine);
     if (!transmitLine) {

@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -6,13 +5,14 @@
 #include <kv/soc.h>
 
 #include "os/cancellation.h"
+#include "os/shell.h"
 #include "soc/kv_soc_internal.h"
 
 namespace {
 
 /** @return the shell's status, 0 when the command succeeded */
 int runLoader(const char* path) {
-    return std::system(kv::utils::formatString("sudo kv_load-bitstream '%s'", path).c_str());
+    return kv::os::runShell(kv::utils::formatString("sudo kv_load-bitstream '%s'", path).c_str());
 }
 
 /** The path stands between single quotes, so one of its own would end it and the shell would run the rest. */

@@ -75,6 +75,8 @@ KV_EXPORT int kv_setAxiIrqAffinity(const char* name, int cpu);
 
 /**
  * Programs the fabric by running the command kv_load-bitstream through sudo, and waits until it has ended.
+ * Both are found through PATH, which should name folders of root alone. Signals are handled meanwhile, SIGINT
+ * and SIGQUIT included, and the wait goes on.
  *
  * Failures are logged at kv_error; pKvErrorStr stays as it is.
  *

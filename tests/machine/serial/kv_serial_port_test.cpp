@@ -1,4 +1,7 @@
+#include <atomic>
 #include <climits>
+#include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <gpiod.h>
 #include <memory>
@@ -68,6 +71,19 @@ TEST_F(SerialPorts, OpenOnceAndSwitchTheTransmitterOn) {
                                          debug("[port 1] kv_serial_device_close" + fdText(-1))));
     EXPECT_EQ(openFiles(), before);
     EXPECT_EQ(takeHistory(), "");
+}
+
+std::atomic<int> stopSignals = 0;
+
+TEST_F(SerialPorts, LetAModelBeStoppedWhileTheirConsoleStops) {
+    addOnboardPorts();
+    addTransmitLines();
+    ENTER_MACHINE(machine_);
+    Machine::write("/run/kvsim/bin/systemctl", "#!/bin/sh\nkill -INT $MODEL\n");
+    ::setenv("MODEL", std::to_string(::getpid()).c_str(), 1);
+    ::signal(SIGINT, [](int) { ++stopSignals; });
+    EXPECT_GE(kv_serial_device_open(1), 0);
+    EXPECT_EQ(stopSignals, 1);
 }
 
 TEST_F(SerialPorts, ThatDoNotExistAreRefused) {
