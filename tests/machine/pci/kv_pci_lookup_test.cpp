@@ -73,6 +73,12 @@ TEST_F(FunctionsOfOneSlot, AreCountedInFunctionOrder) {
         machine_.addPciFunction(description).bar(0, 0xA0000000U + function * 0x1000U, 0x1000);
     }
     ENTER_MACHINE(machine_);
+    // Entered anew, the function in the middle is the first or the last one that the system lists.
+    const std::string middle = "/sys/bus/pci/devices/0000:00:01.3";
+    const auto target = std::filesystem::read_symlink(middle);
+    kvsim::Machine::remove(middle);
+    std::filesystem::create_symlink(target, middle);
+
     kv_PCIDevice record{};
     int position = 1;
     for (const uint32_t address : {0xA0000000U, 0xA0003000U, 0xA0005000U}) {

@@ -97,7 +97,7 @@ TEST(ErrorText, IsCutToItsBufferAlwaysTerminatedAndKeepsErrno) {
 }
 
 TEST(FormatString, FormatsTextsOfAnyLength) {
-    EXPECT_EQ(kv::utils::formatString("plain"), "plain");
+    EXPECT_EQ(kv::utils::formatString("%d", 7), "7");
     EXPECT_EQ(kv::utils::formatString("%s", ""), "");
     EXPECT_EQ(kv::utils::formatString("%02x:%s", 10, repeated(10000).c_str()), "0a:" + repeated(10000));
 }
