@@ -80,15 +80,35 @@ UniqueFd openOrReport(const std::string& path, int flags) {
     return file;
 }
 
-/** Reads an attribute that is a number; what is none counts as 0. Empty where the file cannot be opened. */
-std::optional<unsigned long> readNumber(const kv_udmabuf_Handle& buffer, const char* attribute, int base) {
-    const UniqueFd file = openOrReport(attributePath(buffer, attribute), O_RDONLY);
-    if (!file) {
+/** Reads an attribute that is a number. Empty where it is not, with the reason in errno. */
+std::optional<unsigned long> readNumber(const UniqueFd& file, int base) {
+    std::array<char, kAttributeSize + 1> text{};
+    if (::read(file.get(), text.data(), kAttributeSize) < 0) {
         return std::nullopt;
     }
-    std::array<char, kAttributeSize + 1> text{};
-    (void)!::read(file.get(), text.data(), kAttributeSize);  // unreadable, the text stays empty
-    return std::strtoul(text.data(), nullptr, base);
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long number = std::strtoul(text.data(), &end, base);
+    if (end == text.data()) {
+        errno = EINVAL;
+    }
+    return errno == 0 ? std::optional(number) : std::nullopt;
+}
+
+bool readPhysicalAddress(kv_udmabuf_Handle* buffer) {
+    const std::string path = attributePath(*buffer, "phys_addr");
+    const UniqueFd file = openOrReport(path, O_RDONLY);
+    if (!file) {
+        return false;
+    }
+    const auto physicalAddr = readNumber(file, 16);
+    if (!physicalAddr) {
+        kv_printf(kv_error, "Failed to read %s: %s\n", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    buffer->physicalAddr = *physicalAddr;
+    kv_printf(kv_debug, "Physical address: 0x%x\n", static_cast<unsigned>(buffer->physicalAddr));
+    return true;
 }
 
 int createBuffer(kv_udmabuf_Handle* buffer) {
@@ -137,18 +157,15 @@ int mapBuffer(kv_udmabuf_Handle* buffer) {
     Mapping mapping(buffer->userPtr, buffer->length);
     file.reset();
 
-    const auto physicalAddr = readNumber(*buffer, "phys_addr", 16);
-    if (!physicalAddr) {
+    if (!readPhysicalAddress(buffer)) {
         return -1;
     }
-    buffer->physicalAddr = *physicalAddr;
-    kv_printf(kv_debug, "Physical address: 0x%x\n", static_cast<unsigned>(buffer->physicalAddr));
-    const auto size = readNumber(*buffer, "size", 10);
-    if (!size) {
+    file = openOrReport(attributePath(*buffer, "size"), O_RDONLY);
+    if (!file) {
         return -1;
     }
     (void)mapping.release();  // kept also where the driver made the buffer of another size
-    return *size == buffer->length ? 0 : -1;
+    return readNumber(file, 10) == buffer->length ? 0 : -1;
 }
 
 }  // namespace

@@ -147,18 +147,25 @@ TEST_F(UdmabufManager, IsNotBelievedAboutTheBufferThatItMade) {
     const std::string folder = "/sys/class/u-dma-buf/kv-udma-buf0/";
     const struct {
         std::string file;
-        const char* text;
-    } cases[] = {{folder + "phys_addr", nullptr},
-                 {folder + "size", nullptr},
-                 {folder + "size", "12288\n"},
-                 {folder + "size", "many\n"}};
+        const char* text;   /**< null where the file is missing, empty where it is a folder */
+        const char* reason; /**< null where the buffer stays mapped */
+    } cases[] = {{folder + "phys_addr", nullptr, "open: No such file or directory"},
+                 {folder + "phys_addr", "", "read: Is a directory"},
+                 {folder + "phys_addr", "somewhere\n", "read: Invalid argument"},
+                 {folder + "phys_addr", "10000000000000000\n", "read: Numerical result out of range"},
+                 {folder + "size", nullptr, "open: No such file or directory"},
+                 {folder + "size", "", nullptr},
+                 {folder + "size", "12288\n", nullptr},
+                 {folder + "size", "many\n", nullptr}};
     const auto openBefore = openFiles();
     for (const auto& each : cases) {
-        SCOPED_TRACE(each.file + (each.text == nullptr ? " is missing" : " is another"));
+        SCOPED_TRACE(each.file + (each.text == nullptr ? " is missing" : std::string(" is ") + each.text));
         // The first record comes when the device is made and before it is opened.
         boost::log::core::get()->set_filter([&each](const auto&) {
             std::filesystem::remove(each.file);
-            if (each.text != nullptr) {
+            if (each.text != nullptr && *each.text == '\0') {
+                std::filesystem::create_directory(each.file);
+            } else if (each.text != nullptr) {
                 Machine::write(each.file, each.text);
             }
             return true;
@@ -168,11 +175,12 @@ TEST_F(UdmabufManager, IsNotBelievedAboutTheBufferThatItMade) {
 
         const auto records = log_.take();
         EXPECT_EQ(records.front(), debug("Mapping /dev/kv-udma-buf0"));
-        EXPECT_EQ(records.back(), each.text == nullptr
-                                      ? error("Failed to open " + each.file + ": No such file or directory")
-                                      : debug("Physical address: 0x70000000"));
+        const std::string reason = each.reason == nullptr ? "" : each.reason;
+        EXPECT_EQ(records.back(), each.reason == nullptr ? debug("Physical address: 0x70000000")
+                                                         : error("Failed to " + reason.substr(0, 4) + " " +
+                                                                 each.file + reason.substr(4)));
         const std::string maps = Machine::read("/proc/self/maps");
-        EXPECT_EQ(maps.find("kv-udma-buf0") != std::string::npos, each.text != nullptr);
+        EXPECT_EQ(maps.find("kv-udma-buf0") != std::string::npos, each.reason == nullptr);
         EXPECT_TRUE(exists("/dev/kv-udma-buf0"));
         EXPECT_EQ(kv_udmabuf_deleteAllBuffers(), 0);
         EXPECT_FALSE(exists("/dev/kv-udma-buf0"));
