@@ -29,10 +29,22 @@ constexpr const char* kCachedBufferFolder = "/sys/class/u-dma-buf/cached-buffer-
 /** Null while the buffer is not mapped. */
 CachedMemory* g_cachedMemory = nullptr;
 
-/** Made by the first allocation or free. Never destroyed: exit handlers free memory too. */
+/**
+ * Made by the first allocation or free; null where it cannot be made, and the next one tries again. Never
+ * destroyed: exit handlers free memory too.
+ */
 void* cachedMemoryMutex() {
-    static void* const g_cachedMemoryMutex = kv_createMutex(false);
-    return g_cachedMemoryMutex;
+    static std::atomic<void*> g_cachedMemoryMutex = nullptr;
+    void* present = g_cachedMemoryMutex;
+    if (present != nullptr) {
+        return present;
+    }
+    void* const made = kv_createMutex(false);
+    if (made == nullptr || g_cachedMemoryMutex.compare_exchange_strong(present, made)) {
+        return made;
+    }
+    kv_destroyMutex(made);  // another thread was first
+    return present;
 }
 
 struct MutexUnlock {
@@ -40,9 +52,13 @@ struct MutexUnlock {
 };
 using MutexGuard = std::unique_ptr<void, MutexUnlock>;
 
+/** Empty where there is no mutex. */
 MutexGuard lockCachedMemory() {
-    kv_lockMutex(cachedMemoryMutex());
-    return MutexGuard(cachedMemoryMutex());
+    void* const mutex = cachedMemoryMutex();
+    if (mutex != nullptr) {
+        kv_lockMutex(mutex);
+    }
+    return MutexGuard(mutex);
 }
 
 /** The cached buffer as the system made it. */
@@ -117,6 +133,9 @@ void* kv_udmabuf_allocCachedBuffer(size_t size, uintptr_t* physAddr) try {
         return nullptr;
     }
     MutexGuard guard = lockCachedMemory();
+    if (!guard) {
+        return nullptr;
+    }
     if (g_cachedMemory == nullptr && !mapCachedBuffer()) {
         guard.reset();
         kv_printf(kv_error, "u-dma-buf: Failed to initialize buffer stack.\n");
@@ -140,7 +159,7 @@ int kv_udmabuf_freeCachedBuffer(void* addr) {
     }
     MutexGuard guard = lockCachedMemory();
     const auto address = reinterpret_cast<uintptr_t>(addr);
-    if (g_cachedMemory == nullptr || !g_cachedMemory->contains(address)) {
+    if (!guard || g_cachedMemory == nullptr || !g_cachedMemory->contains(address)) {
         return -1;
     }
     if (!g_cachedMemory->release(address)) {
