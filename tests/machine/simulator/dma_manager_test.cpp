@@ -2,7 +2,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <set>
 #include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -139,23 +138,6 @@ TEST_F(DmaManager, RefusesWhatItCannotDoAndStaysAsItWas) {
     EXPECT_EQ(command(("create " + std::string(256, 'n') + " 1\n")), ENAMETOOLONG);
     EXPECT_EQ(command("create x 0xf000\n"), 0) << "all that is left";
     EXPECT_THROW(static_cast<void>(Machine::read("/dev/u-dma-buf-mgr")), std::system_error);
-}
-
-TEST_F(DmaManager, HoldsMoreBuffersThanAProgramMakes) {
-    constexpr unsigned kBuffers = 300;
-    machine_.dmaMemory(kAddress, kBuffers * kPage);
-    ENTER_MACHINE(machine_);
-    std::set<std::uint64_t> addresses;
-    for (unsigned n = 0; n < kBuffers; ++n) {
-        ASSERT_EQ(command("create buffer" + std::to_string(n) + " 4096\n"), 0);
-        addresses.insert(addressOf("buffer" + std::to_string(n)));
-    }
-    EXPECT_EQ(addresses.size(), kBuffers);
-    EXPECT_EQ(*addresses.rbegin(), kAddress + (kBuffers - 1) * kPage);
-    for (unsigned n = 0; n < kBuffers; ++n) {
-        ASSERT_EQ(command("delete buffer" + std::to_string(n) + "\n"), 0);
-    }
-    EXPECT_TRUE(std::filesystem::is_empty("/sys/class/u-dma-buf"));
 }
 
 TEST_F(DmaManager, LeavesTheCachedBufferOfTheBootAlone) {
