@@ -1,10 +1,11 @@
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
-#include <limits>
+#include <cstdint>
+#include <fcntl.h>
 #include <new>
-#include <sys/mman.h>
-#include <unistd.h>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include <kv/diagnostics.h>
@@ -19,105 +20,125 @@ using namespace kv::memory;
 using kv::os::Mapping;
 using kv::os::pointerTo;
 
-/** Makes the head of a fragment that has just been mapped. */
-FragmentHead* makeFragment(void* mapping, std::size_t sizeBytes, uint32_t usedBytes) {
-    const auto address = reinterpret_cast<uintptr_t>(mapping);
-    const uintptr_t root = address + sizeof(FragmentHead);
-    auto* fragment = static_cast<FragmentHead*>(mapping);
-    *fragment = {.fileDesc = 0,
-                 .totalSize = 0,
-                 .nextDesc = nullptr,
-                 .size = sizeBytes,
-                 .address = address,
-                 .root = root,
-                 .firstFree = root + usedBytes};
-    return fragment;
+/**
+ * Without the list nobody knows whether an object of this name is a block that holds data: an existing one is
+ * left alone and counts as opened.
+ */
+bool loadListForNewBlock(const char* name) {
+    const LockedList locked = lockList();
+    if (locked) {
+        std::optional<Block> made = createShMem(name, O_EXCL);
+        if (made) {
+            made.reset();  // the list may need its address
+            (void)unlinkShMem(name);
+        } else if (errno != EEXIST) {
+            kv_printf(kv_debug, "PersMem file creation failed: %s\n", name);
+            return false;
+        }
+    }
+    const bool isLoaded = locked && loadLockedList();
+    if (!isLoaded) {
+        kv_printf(kv_debug, "Could not add PersMem to list: %s\n", name);
+    }
+    return isLoaded;
 }
 
-FragmentHead* createBlock(const std::string& name) {
-    // Asked first: without the list nobody knows whether an object of this name is a block that holds data.
-    if (!loadList()) {
-        kv_printf(kv_debug, "Could not add PersMem to list: %s\n", name.c_str());
+/** Makes the block, unless another process has made it. */
+Block* createBlock(const char* name) {
+    const LockedList locked = lockForNewBlock();
+    if (!locked) {
+        kv_printf(kv_debug, "Could not add PersMem to list: %s\n", name);
         return nullptr;
     }
-    if (FragmentHead* listed = getMemDesc(name.c_str())) {
-        return listed;  // the list could not be loaded when it was asked for the name
+    if (Block* listed = findBlock(name)) {
+        return listed;
     }
-    SharedObject object;
-    if (name != kListName) {
-        (void)::shm_unlink(("/" + name).c_str());  // left by a process that ended before it listed the block
-        object = createShMem(name, Content::Fragment);
+    std::optional<Block> made;
+    if (std::string_view(name) != kListName) {
+        (void)unlinkShMem(name);  // left by a process that ended before it listed the block
+        made = createShMem(name);
     }
-    if (!object) {
-        kv_printf(kv_debug, "PersMem file creation failed: %s\n", name.c_str());
+    if (!made) {
+        kv_printf(kv_debug, "PersMem file creation failed: %s\n", name);
         return nullptr;
     }
-    FragmentHead* block = makeFragment(object.mapping.get(), kObjectBytes, 0);
-    block->fileDesc = object.file.get();
-    block->totalSize = kObjectBytes;
-    if (!addToList(name, block, std::move(object.file))) {
-        kv_printf(kv_debug, "Could not add PersMem to list: %s\n", name.c_str());
-        return nullptr;
+    Block* added = addToList(name, std::move(*made));
+    if (added == nullptr) {
+        (void)unlinkShMem(name);
+        kv_printf(kv_debug, "Could not add PersMem to list: %s\n", name);
     }
-    (void)object.mapping.release();  // mapped until the process ends: the model holds pointers into it
-    return block;
+    return added;
 }
 
-/** Free bytes as the fit compares them: a size of 2 GiB or more is negative there. */
-int32_t freeBytes(const FragmentHead& fragment) {
-    const uintptr_t end = fragment.address + fragment.size;
-    return fragment.firstFree > end ? -1 : static_cast<int32_t>(end - fragment.firstFree);
+Block* blockFor(const char* name) {
+    if (!loadList() && !loadListForNewBlock(name)) {
+        return nullptr;
+    }
+    Block* block = findBlock(name);
+    return block != nullptr ? block : createBlock(name);
 }
 
-void* handOut(FragmentHead& fragment, uint32_t size) {
-    return pointerTo(std::exchange(fragment.firstFree, fragment.firstFree + size));
+uintptr_t rootOf(const Mapping& fragment) {
+    return reinterpret_cast<uintptr_t>(fragment.get()) + sizeof(FragmentHead);
+}
+
+uintptr_t endOf(const Mapping& fragment) {
+    return reinterpret_cast<uintptr_t>(fragment.get()) + fragment.lengthBytes();
+}
+
+/** Takes bytes from a fragment; null where it has not got them. The free bytes are compared as a size of 2
+ * GiB or more has always been: it is negative. */
+void* takeFrom(const Mapping& fragment, uint32_t size) {
+    const std::atomic_ref firstFree(headOf(fragment).firstFree);
+    uintptr_t taken = firstFree;
+    do {
+        if (taken < rootOf(fragment) || taken > endOf(fragment) ||
+            static_cast<int32_t>(endOf(fragment) - taken) < static_cast<int32_t>(size)) {
+            return nullptr;
+        }
+    } while (!firstFree.compare_exchange_weak(taken, taken + size));
+    return pointerTo(taken);
+}
+
+void* takeFromAny(const Block& block, uint32_t size) {
+    for (const Mapping& fragment : block.fragments) {
+        if (void* memory = takeFrom(fragment, size)) {
+            return memory;
+        }
+    }
+    return nullptr;
 }
 
 /** Adds a fragment to a block and takes the memory from it; null when that fails. */
-void* enlarge(FragmentHead& first, FragmentHead& last, uint32_t size) {
+void* enlarge(Block& block, uint32_t size) {
     const uint64_t lengthBytes = ((uint64_t{size} + sizeof(FragmentHead)) / kObjectBytes + 1) * kObjectBytes;
-    const uint64_t newTotal = first.totalSize + lengthBytes;
-    errno = EFBIG;  // the total has 32 bits
-    if (newTotal > std::numeric_limits<uint32_t>::max() ||
-        ::ftruncate(first.fileDesc, static_cast<off_t>(newTotal)) != 0) {
-        kv_printf(kv_debug, "ftruncate failed: %s\n", std::strerror(errno));
-        return nullptr;
-    }
-    Mapping mapping = mapNewFragment(first.fileDesc, lengthBytes, first.totalSize);
-    if (!mapping) {
-        kv_printf(kv_debug, "mmaping additional memory failed: %s\n", std::strerror(errno));
-        return nullptr;
-    }
-    FragmentHead* fragment = makeFragment(mapping.release(), lengthBytes, size);
-    std::atomic_ref(last.nextDesc) =
-        fragment;  // after its head, so that a process killed here leaves no half-made one
-    first.totalSize = static_cast<uint32_t>(newTotal);
-    return pointerTo(fragment->root);
+    const Mapping* added = addFragment(block, lengthBytes, size);
+    return added == nullptr ? nullptr : pointerTo(rootOf(*added));
 }
 
-void* allocate(FragmentHead& first, uint32_t size) {
-    FragmentHead* last = &first;
-    for (FragmentHead* fragment = &first; fragment != nullptr; fragment = fragment->nextDesc) {
-        if (freeBytes(*fragment) >= static_cast<int32_t>(size)) {
-            return handOut(*fragment, size);
-        }
-        last = fragment;
-    }
-    if (void* memory = enlarge(first, *last, size)) {
+void* allocate(Block& block, uint32_t size) {
+    if (void* memory = takeFromAny(block, size)) {
         return memory;
     }
+    if (const LockedList locked = lockForGrowth()) {
+        void* memory = takeFromAny(block, size);  // from what another process has added
+        memory = memory != nullptr ? memory : enlarge(block, size);
+        if (memory != nullptr) {
+            return memory;
+        }
+    }
     kv_printf(kv_debug, "Could not enlarge persistent memory\n");
-    return pointerTo(last->firstFree);  // kept: models take any address for success
+    // Kept: models take any address for success.
+    const Mapping& last = block.fragments.back();
+    const uintptr_t firstFree = std::atomic_ref(headOf(last).firstFree);
+    return pointerTo(std::clamp(firstFree, rootOf(last), endOf(last)));
 }
 
 }  // namespace
 
 void* kv_allocPersistentMemory(const char* name, uint32_t size) try {
     const kv::os::CancellationHold hold;
-    FragmentHead* block = getMemDesc(name);
-    if (block == nullptr) {
-        block = createBlock(name);
-    }
+    Block* block = blockFor(name);
     if (block == nullptr) {
         kv_printf(kv_error, "Persistent memory not available: %s - creating failed\n", name);
         return nullptr;
@@ -129,12 +150,16 @@ void* kv_allocPersistentMemory(const char* name, uint32_t size) try {
 
 void* kv_getPersistentMemory(const char* name) try {
     const kv::os::CancellationHold hold;
-    const FragmentHead* block = getMemDesc(name);
+    const Block* block = nullptr;
+    if (loadList()) {
+        block = findBlock(name);
+        block = block != nullptr ? block : findNewBlock(name);
+    }
     if (block == nullptr) {
         kv_printf(kv_debug, "Persistent memory not available %s\n", name);
         return nullptr;
     }
-    return pointerTo(block->root);
+    return pointerTo(rootOf(block->fragments.front()));
 } catch (const std::bad_alloc&) {
     return nullptr;
 }

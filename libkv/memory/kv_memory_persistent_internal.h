@@ -3,17 +3,23 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <utility>
+
+#include <boost/container/small_vector.hpp>
 
 #include "os/mapping.h"
 #include "os/unique_fd.h"
 
-// The two records below lie in shared memory and outlive their writer: their layout is a format.
+// The two records below lie in shared memory and outlive their writer: their layout is a format. Other
+// processes may write to them at any time, so a value is copied once, the copy is checked, and only the copy
+// is used. What this process has mapped and opened it keeps in records of its own.
 
 /** Head of a fragment. Usable bytes follow. The fragments of a block lie back to back in its object. */
 struct FragmentHead {
-    int32_t fileDesc;       /**< this process's descriptor of the block's object; first fragment only */
-    uint32_t totalSize;     /**< bytes of all fragments; first fragment only */
+    int32_t fileDesc;   /**< descriptor of the process that made the block, never used; first fragment only */
+    uint32_t totalSize; /**< bytes of all fragments; first fragment only */
     FragmentHead* nextDesc; /**< null in the last fragment */
     uintptr_t size;         /**< bytes of this fragment with its head */
     uintptr_t address;      /**< of this head, in every process */
@@ -36,62 +42,122 @@ namespace kv::memory {
 /** Size of a fresh object; fragments are multiples of it. */
 constexpr std::size_t kObjectBytes = 65536;
 
+/** Where the entries of the list begin in its object. */
+constexpr std::size_t kEntriesOffset = 512;
+
 /** Name of the object that lists the blocks. */
 constexpr const char* kListName = "kv_persMem_main";
 
 /* ---- Shared-memory objects; names come without the leading slash ---- */
 
-/** An open and mapped object. */
-struct SharedObject {
+/** An open object, and what it was when it was opened. */
+struct OpenObject {
     os::UniqueFd file;
-    os::Mapping mapping;
+    struct stat status {};
 
-    explicit operator bool() const noexcept { return static_cast<bool>(mapping); }
-};
-
-/** What an object holds: the list of blocks, or the first fragment of a block. */
-enum class Content { List, Fragment };
-
-/** Size of the list's object once it holds more blocks than fit in kObjectBytes. */
-std::size_t grownListBytes();
-
-/**
- * Opens an object, makes it where there is none, and grows it to kObjectBytes. The list is mapped to its
- * grown size at once, since it cannot move later. Empty on failure, which is logged.
- */
-SharedObject createShMem(const std::string& name, Content content);
-
-/** Opens an object or makes an empty one. The result is empty on failure, with the reason in errno. */
-os::UniqueFd openShMem(const std::string& name);
-
-/** Maps a new fragment where nothing is mapped. Empty on failure, with the reason in errno. */
-os::Mapping mapNewFragment(int fd, std::size_t lengthBytes, off_t offset);
-
-/** A fragment at its old address, and its head as it was found. */
-struct Fragment {
-    FragmentHead head;
-    os::Mapping mapping;
+    explicit operator bool() const noexcept { return static_cast<bool>(file); }
 };
 
 /**
- * Maps the fragment at an offset of a block's object where it was mapped when it was made, which must be @p
- * expected. Nothing that is mapped there already is touched. Empty on failure, which is logged.
+ * Opens an object or makes an empty one. Refuses what is not a regular file of root or of this user: others
+ * would choose the addresses that are mapped here. Empty on failure, which is logged unless an object exists
+ * (EEXIST) that O_EXCL among the further flags forbids.
+ *
+ * @param user  the effective user, given so that opening many objects asks for it once
  */
-std::optional<Fragment> mapFragment(int fd, uint32_t offset, const FragmentHead* expected);
+OpenObject openShMem(std::string_view name, uid_t user, int furtherFlags = 0);
 
-/** Unlinks an object and logs how it went. */
-void clearShMem(const std::string& name);
+/**
+ * Reserves the memory of a part of an object and grows the object to hold it. Without that, a first write to
+ * memory that the file system has not got ends the process (SIGBUS). @return success; a failure is logged
+ */
+bool reserve(int fd, uint64_t begin, uint64_t end);
+
+/** Removes an object's name. @return success; the reason of a failure is in errno */
+bool unlinkShMem(std::string_view name);
+
+/** Maps the list's object to the size that a full list has, since it cannot move later. Empty on failure,
+ * which is logged. */
+os::Mapping mapList(int fd);
+
+/** The list's bytes in its object while it holds at most this many blocks. */
+uint64_t listBytes(uint32_t count);
+
+/** One block as this process has it. Its sizes, addresses and descriptor are the process's own. */
+struct Block {
+    ListEntry entry{};
+    os::UniqueFd file;
+    uint32_t totalSize = 0;
+    boost::container::small_vector<os::Mapping, 1> fragments; /**< in the order of the object */
+};
+
+/** The head of a mapped fragment. */
+inline FragmentHead& headOf(const os::Mapping& fragment) {
+    return *static_cast<FragmentHead*>(fragment.get());
+}
+
+/** Opens a new object with one fragment, without an entry. Empty on failure, which is logged; no object is
+ * left. */
+std::optional<Block> createShMem(std::string_view name, int furtherFlags = 0);
+
+/** Adds a fragment with some bytes in use to a block. @return it; null on failure, which is logged */
+os::Mapping* addFragment(Block& block, uint64_t lengthBytes, uint32_t usedBytes);
+
+/** Maps all fragments of an open block at their addresses. @return success; a failure is logged */
+bool mapFragments(Block& block, const OpenObject& object);
+
+/**
+ * Maps what another process has added to a block since. @return success, also where there is nothing; a
+ * failure is logged
+ */
+bool mapFurtherFragments(Block& block);
 
 /* ---- The list of blocks; failures are logged ---- */
+
+/** The list's object, locked against other processes. */
+class LockedList {
+ public:
+    LockedList() noexcept = default;
+    explicit LockedList(OpenObject object) noexcept : object_(std::move(object)) {}
+    LockedList(LockedList&&) noexcept = default;
+    LockedList& operator=(LockedList&&) = delete;
+    ~LockedList();
+
+    explicit operator bool() const noexcept { return static_cast<bool>(object_); }
+    [[nodiscard]] const OpenObject& object() const noexcept { return object_; }
+
+ private:
+    OpenObject object_;
+};
+
+/** Locks the list, for which it waits a second at most. */
+LockedList lockList();
 
 /** Attaches all blocks unless they are attached. */
 bool loadList();
 
-/** The head of a block's first fragment; loads the list first. Null where that fails or the name is new. */
-FragmentHead* getMemDesc(const char* name);
+/** The same while the list is locked and not loaded. */
+bool loadLockedList();
 
-/** Adds a block to the loaded list, which takes its descriptor. Aborts for 50 characters or more. */
-bool addToList(const std::string& name, FragmentHead* desc, os::UniqueFd file);
+/** The block of a name in the loaded list. Null where the name is new. */
+Block* findBlock(std::string_view name);
+
+/** The same, after a look at what other processes have added. */
+Block* findNewBlock(std::string_view name);
+
+/**
+ * Locks the list and attaches what other processes have added. Where another process has removed the list,
+ * the present one is loaded in its place and all blocks here are forgotten.
+ */
+LockedList lockForNewBlock();
+
+/** Locks the list, so that no other process uses the addresses of new memory too, and attaches what others
+ * have added. Forgets no blocks. */
+LockedList lockForGrowth();
+
+/** Adds a new block to the locked and loaded list. Aborts for a name of 50 characters or more. Null on
+ * failure. */
+Block* addToList(std::string_view name, Block block);
 
 /** Unlinks all blocks that the list names, and the list; the list is then not loaded. */
 void clearList();

@@ -1,13 +1,17 @@
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string_view>
+#include <sys/file.h>
+#include <thread>
 #include <unistd.h>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -20,155 +24,207 @@ namespace kv::memory {
 namespace {
 
 constexpr uint32_t kMaxEntries = 1023;
-constexpr std::size_t kEntriesOffset = 512;
-constexpr uint32_t kEntriesInFreshObject = (kObjectBytes - kEntriesOffset) / sizeof(ListEntry);
-
-/** Not noexcept, so that the table keeps the hashes of its names and compares these first. */
-struct NameHash {
-    std::size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
-};
+constexpr std::size_t kIndexSlots = 2048;
+constexpr auto kLockPatience = std::chrono::seconds(1);
+constexpr auto kLockPause = std::chrono::milliseconds(1);
 
 /** The list as this process holds it. */
 struct List {
-    SharedObject object;
+    OpenObject object;
+    os::Mapping mapping;
     uint32_t* ListLength = nullptr; /**< number of entries, in the object */
     ListEntry* descList = nullptr;  /**< first entry, in the object */
-    std::vector<os::UniqueFd> files;
-    std::unordered_map<std::string_view, FragmentHead*, NameHash> index; /**< by the names in the object */
+    std::vector<Block> blocks;      /**< in the order of the list; they never move */
+    /** By the hash of the name, or behind it: the block's position plus 1; 0 where no name stands. */
+    std::array<uint16_t, kIndexSlots> index{};
 };
 
 /** Null while the list is not loaded. Not destroyed at exit: exit handlers use persistent memory too. */
 List* loadedList = nullptr;
-
-/** What has been opened and mapped while the list loads; all of it goes again unless the load succeeds. */
-struct Attachment {
-    std::vector<os::UniqueFd> files;
-    std::vector<Fragment> fragments;
-};
 
 /** The entry's name; as long as its field where the terminator is missing. */
 std::string_view nameOf(const ListEntry& entry) {
     return {entry.name, ::strnlen(entry.name, sizeof entry.name)};
 }
 
-/** The entries that the object holds; a full list may count further attempts. */
-std::span<ListEntry> entries(const List& list) {
-    return {list.descList, std::min(*list.ListLength, kMaxEntries)};
+/** Where a name stands in the index, or would stand. */
+uint16_t& slotOf(List& list, std::string_view name) {
+    std::size_t slot = std::hash<std::string_view>()(name) % kIndexSlots;
+    while (list.index[slot] != 0 && nameOf(list.blocks[list.index[slot] - 1U].entry) != name) {
+        slot = (slot + 1) % kIndexSlots;
+    }
+    return list.index[slot];
+}
+static_assert(kIndexSlots > kMaxEntries, "a search ends at an empty slot");
+
+/** Allocates nothing: a block is in the list with its name or not at all. */
+Block& append(List& list, Block block) {
+    list.blocks.push_back(std::move(block));
+    uint16_t& slot = slotOf(list, nameOf(list.blocks.back().entry));
+    if (slot == 0) {  // the first of two with one name stays
+        slot = static_cast<uint16_t>(list.blocks.size());
+    }
+    return list.blocks.back();
 }
 
-/** Lets the object hold a number of entries. The reason of a failure is in errno. */
-bool growToHold(const List& list, uint32_t count) {
-    const int fd = list.object.file.get();
-    const auto grownBytes = static_cast<off_t>(grownListBytes());
-    return count <= kEntriesInFreshObject || ::lseek(fd, 0, SEEK_END) >= grownBytes ||
-           ::ftruncate(fd, grownBytes) == 0;
+/** Copies the number of entries. A full list counts further attempts, too. */
+uint32_t readCount(int fd) {
+    uint32_t count = 0;
+    (void)!::pread(fd, &count, sizeof count, 0);  // an object without its size holds none
+    return std::min(count, kMaxEntries);
+}
+
+/** Copies the entries from one on. What the object should hold and does not is all zero. */
+std::vector<ListEntry> readEntries(int fd, std::size_t first) {
+    const std::size_t count = readCount(fd);
+    std::vector<ListEntry> entries(count > first ? count - first : 0);
+    (void)!::pread(fd, entries.data(), entries.size() * sizeof(ListEntry),
+                   static_cast<off_t>(kEntriesOffset + first * sizeof(ListEntry)));
+    return entries;
+}
+
+bool isSameObject(const struct stat& one, const struct stat& other) {
+    return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
+}
+
+bool isLinked(int fd) {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && status.st_nlink > 0;
 }
 
 bool openList(List& list) {
-    list.object = createShMem(kListName, Content::List);
-    if (list.object) {
-        auto* bytes = static_cast<std::byte*>(list.object.mapping.get());
-        list.ListLength = reinterpret_cast<uint32_t*>(bytes);
-        list.descList = reinterpret_cast<ListEntry*>(bytes + kEntriesOffset);
-        if (growToHold(list, *list.ListLength)) {
-            return true;
-        }
-        kv_printf(kv_debug, "ftruncate failed: %s\n", std::strerror(errno));
+    list.object = openShMem(kListName, ::geteuid());
+    const int fd = list.object.file.get();
+    if (list.object && reserve(fd, 0, listBytes(readCount(fd)))) {
+        list.mapping = mapList(fd);
     }
-    kv_printf(kv_debug, "PersMem main file creation failed\n");
-    kv_printf(kv_debug, "PersMem list initialization failed\n");
-    return false;
-}
-
-/** Maps the fragments of a block. @return the sum of their sizes; 0 on failure */
-uint32_t mapFragments(int fd, const FragmentHead* first, std::vector<Fragment>& fragments) {
-    auto fragment = mapFragment(fd, 0, first);
-    if (!fragment) {
-        kv_printf(kv_debug, "Open main fragment failed\n");
-        return 0;
-    }
-    uint32_t offset = 0;
-    for (;;) {
-        offset += static_cast<uint32_t>(fragment->head.size);
-        const FragmentHead* next = fragment->head.nextDesc;
-        fragments.push_back(std::move(*fragment));
-        if (next == nullptr) {
-            return offset;
-        }
-        fragment = mapFragment(fd, offset, next);
-        if (!fragment) {
-            kv_printf(kv_debug, "Open fragment at offset 0x%X failed\n", offset);
-            return 0;
-        }
-    }
-}
-
-bool attachBlock(const ListEntry& entry, Attachment& attachment) {
-    const std::string name(nameOf(entry));
-    kv_printf(kv_debug, "Open shMem /%s\n", name.c_str());
-    os::UniqueFd file;
-    if (name.size() == sizeof entry.name) {
-        errno = ENAMETOOLONG;
-    } else {
-        file = openShMem(name);
-    }
-    if (!file) {
-        kv_printf(kv_debug, "shm_open failed: %s\n", std::strerror(errno));
+    if (!list.mapping) {
+        kv_printf(kv_debug, "PersMem main file creation failed\n");
+        kv_printf(kv_debug, "PersMem list initialization failed\n");
         return false;
     }
-    const std::size_t first = attachment.fragments.size();
-    const uint32_t totalSize = mapFragments(file.get(), entry.desc, attachment.fragments);
-    if (totalSize == 0) {
-        return false;
-    }
-    // A size that is too small was left by a process that was killed while the block grew. A head that is
-    // right already is not touched, which would cost a page fault.
-    const FragmentHead& head = attachment.fragments[first].head;
-    if (head.fileDesc != file.get() || head.totalSize != totalSize) {
-        entry.desc->fileDesc = file.get();
-        entry.desc->totalSize = totalSize;
-    }
-    attachment.files.push_back(std::move(file));
+    auto* bytes = static_cast<std::byte*>(list.mapping.get());
+    list.ListLength = reinterpret_cast<uint32_t*>(bytes);
+    list.descList = reinterpret_cast<ListEntry*>(bytes + kEntriesOffset);
+    list.blocks.reserve(kMaxEntries);
     return true;
 }
 
-/** Maps every fragment of every block at its old address, where the pointers in the list find it. */
-bool initList(List& list) {
-    const auto listed = entries(list);
-    kv_printf(kv_debug, "Loaded descriptor list. %d entries\n", static_cast<int>(listed.size()));
-    Attachment attachment;
-    attachment.files.reserve(kMaxEntries);
-    attachment.fragments.reserve(listed.size());
-    list.index.reserve(kMaxEntries);
-    for (const ListEntry& entry : listed) {
-        const std::string_view name = nameOf(entry);
-        if (!attachBlock(entry, attachment)) {
-            kv_printf(kv_info, "Open shared memory %s failed\n", std::string(name).c_str());
+bool attachBlock(Block& block, uid_t user) {
+    const std::string_view name = nameOf(block.entry);
+    kv_printf(kv_debug, "Open shMem /%.*s\n", static_cast<int>(name.size()), name.data());
+    if (name.size() == sizeof block.entry.name) {
+        kv_printf(kv_debug, "shm_open failed: %s\n", std::strerror(ENAMETOOLONG));
+        return false;
+    }
+    OpenObject object = openShMem(name, user);
+    if (!object) {
+        return false;
+    }
+    block.file = std::move(object.file);
+    return mapFragments(block, object);
+}
+
+/** Maps every fragment of some blocks at its old address, where the pointers in the list find it. */
+bool attachBlocks(List& list, std::span<const ListEntry> entries) {
+    const uid_t user = ::geteuid();
+    for (const ListEntry& entry : entries) {
+        Block block;
+        block.entry = entry;
+        if (!attachBlock(block, user)) {
+            const std::string_view name = nameOf(entry);
+            kv_printf(kv_info, "Open shared memory %.*s failed\n", static_cast<int>(name.size()),
+                      name.data());
             kv_printf(kv_debug, "PersMem list initialization failed\n");
             return false;
         }
-        list.index.emplace(name, entry.desc);  // the first of two with one name stays
-    }
-    list.files = std::move(attachment.files);
-    for (Fragment& fragment : attachment.fragments) {
-        (void)fragment.mapping.release();  // mapped until the process ends: the model holds pointers into it
+        append(list, std::move(block));
     }
     return true;
 }
 
-void copyName(ListEntry& entry, const std::string& name) {
+bool initList(List& list) {
+    const auto entries = readEntries(list.object.file.get(), 0);
+    kv_printf(kv_debug, "Loaded descriptor list. %d entries\n", static_cast<int>(entries.size()));
+    return attachBlocks(list, entries);
+}
+
+/** Leaves everything mapped until the process ends: the model holds pointers into it. */
+void forgetList() {
+    const std::unique_ptr<List> list(std::exchange(loadedList, nullptr));
+    (void)list->mapping.release();
+    for (Block& block : list->blocks) {
+        for (os::Mapping& fragment : block.fragments) {
+            (void)fragment.release();
+        }
+    }
+}
+
+bool isPresentList(const LockedList& locked) {
+    return isSameObject(loadedList->object.status, locked.object().status);
+}
+
+/** Attaches what other processes have added since the list was loaded. The list is locked. */
+bool attachNews() {
+    for (Block& block : loadedList->blocks) {
+        if (!mapFurtherFragments(block)) {
+            kv_printf(kv_debug, "PersMem list initialization failed\n");
+            return false;
+        }
+    }
+    return attachBlocks(*loadedList, readEntries(loadedList->object.file.get(), loadedList->blocks.size()));
+}
+
+void clearShMem(std::string_view name) {
+    const int length = static_cast<int>(name.size());
+    if (unlinkShMem(name)) {
+        kv_printf(kv_debug, "Unlinked persistent memory: %.*s\n", length, name.data());
+    } else {
+        kv_printf(kv_debug, "shm_unlink %.*s failed: %s\n", length, name.data(), std::strerror(errno));
+    }
+}
+
+void copyName(ListEntry& entry, std::string_view name) {
     if (name.size() >= sizeof entry.name) {
+        (void)unlinkShMem(name);
         std::abort();  // cut, the name would be another block's
     }
-    std::memcpy(entry.name, name.c_str(), name.size() + 1);
+    std::copy(name.begin(), name.end(), entry.name);
 }
 
 }  // namespace
 
-bool loadList() {
-    if (loadedList != nullptr) {
-        return true;
+LockedList::~LockedList() {
+    if (object_) {
+        const os::KeptErrno kept;
+        (void)::flock(object_.file.get(), LOCK_UN);  // a process forked meanwhile keeps the file open
     }
+}
+
+LockedList lockList() {
+    const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
+    do {
+        OpenObject object = openShMem(kListName, ::geteuid());
+        if (!object) {
+            kv_printf(kv_debug, "PersMem main file creation failed\n");
+            kv_printf(kv_debug, "PersMem list initialization failed\n");
+            return {};
+        }
+        if (::flock(object.file.get(), LOCK_EX | LOCK_NB) == 0) {
+            LockedList locked(std::move(object));
+            if (isLinked(locked.object().file.get())) {  // not removed before the lock was got
+                return locked;
+            }
+        } else {
+            std::this_thread::sleep_for(kLockPause);
+        }
+    } while (std::chrono::steady_clock::now() < deadline);
+    kv_printf(kv_info, "PersMem list is locked by another process\n");
+    kv_printf(kv_debug, "PersMem list initialization failed\n");
+    return {};
+}
+
+bool loadLockedList() {
     auto list = std::make_unique<List>();
     if (!openList(*list) || !initList(*list)) {
         return false;
@@ -177,49 +233,80 @@ bool loadList() {
     return true;
 }
 
-FragmentHead* getMemDesc(const char* name) {
-    if (!loadList()) {
-        return nullptr;
+bool loadList() {
+    if (loadedList != nullptr) {
+        return true;
     }
-    const auto found = loadedList->index.find(name);
-    return found == loadedList->index.end() ? nullptr : found->second;
+    const LockedList locked = lockList();
+    return locked && loadLockedList();
 }
 
-bool addToList(const std::string& name, FragmentHead* desc, os::UniqueFd file) {
+Block* findNewBlock(std::string_view name) {
+    return readCount(loadedList->object.file.get()) > loadedList->blocks.size() && lockForNewBlock()
+               ? findBlock(name)
+               : nullptr;
+}
+
+Block* findBlock(std::string_view name) {
+    const uint16_t position = slotOf(*loadedList, name);
+    return position == 0 ? nullptr : &loadedList->blocks[position - 1U];
+}
+
+LockedList lockForNewBlock() {
+    LockedList locked = lockList();
+    if (locked && loadedList != nullptr && !isPresentList(locked)) {
+        forgetList();
+    }
+    const bool isCurrent = locked && (loadedList == nullptr ? loadLockedList() : attachNews());
+    return isCurrent ? std::move(locked) : LockedList();
+}
+
+LockedList lockForGrowth() {
+    LockedList locked = lockList();
+    const bool isCurrent = locked && (!isPresentList(locked) || attachNews());
+    return isCurrent ? std::move(locked) : LockedList();
+}
+
+Block* addToList(std::string_view name, Block block) {
     List& list = *loadedList;
+    const auto count = static_cast<uint32_t>(list.blocks.size());
+    if (!reserve(list.object.file.get(), 0, listBytes(count + 1))) {
+        return nullptr;
+    }
     std::atomic_ref<uint32_t> length(*list.ListLength);
-    const uint32_t count = length;
     if (count >= kMaxEntries) {
-        length = std::max(count, count + 1);  // kept: the attempt counts, but never around to an empty list
+        const uint32_t attempts = length;
+        // Kept: the attempt counts, but never around to an empty list.
+        length = std::max(attempts, attempts + 1);
         kv_printf(kv_debug, "PersMem list - running out of slots\n");
-        return false;
+        return nullptr;
     }
-    if (!growToHold(list, count + 1)) {
-        kv_printf(kv_debug, "ftruncate failed: %s\n", std::strerror(errno));
-        return false;
-    }
-    ListEntry& entry = list.descList[count];
-    copyName(entry, name);
-    entry.desc = desc;
-    list.index.emplace(nameOf(entry), desc);
-    list.files.push_back(std::move(file));  // has room
+    copyName(block.entry, name);
+    block.entry.desc = &headOf(block.fragments.front());
+    list.descList[count] = block.entry;
     length = count + 1;  // last, so that a process killed here leaves no half-made entry in the list
-    return true;
+    return &append(list, std::move(block));
 }
 
 void clearList() {
-    std::unique_ptr<List> list(std::exchange(loadedList, nullptr));
-    if (list == nullptr) {
-        list = std::make_unique<List>();
-        if (!openList(*list)) {
-            return;
-        }
-        (void)initList(*list);  // blocks that cannot be attached are removed all the same
+    const LockedList locked = lockList();
+    if (!locked) {
+        return;
     }
-    for (const ListEntry& entry : entries(*list)) {
-        clearShMem(std::string(nameOf(entry)));
+    const int fd = locked.object().file.get();
+    if (loadedList != nullptr && !isPresentList(locked)) {
+        forgetList();
+    }
+    if (loadedList == nullptr) {
+        (void)loadLockedList();  // blocks that cannot be attached are removed, too
+    }
+    for (const ListEntry& entry : readEntries(fd, 0)) {
+        clearShMem(nameOf(entry));
     }
     clearShMem(kListName);
+    if (loadedList != nullptr) {
+        forgetList();
+    }
 }
 
 }  // namespace kv::memory

@@ -1,10 +1,13 @@
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <limits>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include <kv/diagnostics.h>
 
@@ -20,6 +23,10 @@ constexpr mode_t kObjectMode = 0777;
 
 constexpr uintptr_t kListHint = 0x7700000000;
 constexpr uintptr_t kListRoom = 0x100000;
+constexpr uint32_t kEntriesInFreshObject = (kObjectBytes - kEntriesOffset) / sizeof(ListEntry);
+
+/** Reserved in one call: a signal makes a call start again from its beginning. */
+constexpr uint64_t kReserveBytes = 16 * kObjectBytes;
 
 /** A range of addresses that processes leave free; fragments are put into it one behind the other. */
 struct AddressRange {
@@ -48,34 +55,26 @@ uintptr_t pageBytes() {
     return static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
 }
 
-std::string pathOf(const std::string& name) {
-    return "/" + name;
+/** "/" and a name. */
+class ObjectPath {
+ public:
+    explicit ObjectPath(std::string_view name) {
+        const std::size_t length =
+            std::min(name.size(), text_.size() - 2);  // one too long still is, when cut
+        text_[0] = '/';
+        std::copy_n(name.data(), length, text_.data() + 1);
+    }
+    [[nodiscard]] const char* c_str() const { return text_.data(); }
+
+ private:
+    std::array<char, NAME_MAX + 3> text_{};
+};
+
+bool isTrusted(const struct stat& status, uid_t user) {
+    return S_ISREG(status.st_mode) && (status.st_uid == 0 || status.st_uid == user);
 }
 
-/** Never shrinks: an object that others have grown keeps what is behind its first 64 KiB. */
-bool growToObjectSize(int fd) {
-    const off_t present = ::lseek(fd, 0, SEEK_END);
-    return present >= off_t{kObjectBytes} || ::ftruncate(fd, kObjectBytes) == 0;
-}
-
-bool isSound(const FragmentHead& head, const FragmentHead* expected, uint32_t offset, off_t objectBytes) {
-    const auto available = static_cast<uintptr_t>(objectBytes) - offset;
-    return head.address == reinterpret_cast<uintptr_t>(expected) && head.address != 0 &&
-           head.address % pageBytes() == 0 && head.size != 0 && head.size % pageBytes() == 0 &&
-           head.size <= available && head.size <= std::numeric_limits<uint32_t>::max() - offset &&
-           head.root == head.address + sizeof(FragmentHead) && head.firstFree >= head.root;
-}
-
-}  // namespace
-
-std::size_t grownListBytes() {
-    return kObjectBytes + pageBytes();
-}
-
-os::UniqueFd openShMem(const std::string& name) {
-    return os::UniqueFd(::shm_open(pathOf(name).c_str(), O_RDWR | O_CREAT, kObjectMode));
-}
-
+/** Maps a new fragment where nothing is mapped. Empty on failure, with the reason in errno. */
 os::Mapping mapNewFragment(int fd, std::size_t lengthBytes, off_t offset) {
     os::Mapping mapping;
     for (const AddressRange& range : fragmentRanges) {
@@ -88,44 +87,46 @@ os::Mapping mapNewFragment(int fd, std::size_t lengthBytes, off_t offset) {
     return mapping;
 }
 
-SharedObject createShMem(const std::string& name, Content content) {
-    os::UniqueFd file = openShMem(name);
-    if (!file) {
-        kv_printf(kv_debug, "shm_open failed: %s\n", std::strerror(errno));
-        return {};
-    }
-    if (file.get() == 0) {
-        // Kept: descriptor 0 counts as a failure. It stays taken, so that the next call gets another.
-        (void)file.release();
-        return {};
-    }
-    if (!growToObjectSize(file.get())) {
-        kv_printf(kv_debug, "ftruncate failed: %s\n", std::strerror(errno));
-        return {};
-    }
-    os::Mapping mapping = content == Content::List ? mapShared(file.get(), grownListBytes(), 0, kListHint)
-                                                   : mapNewFragment(file.get(), kObjectBytes, 0);
-    if (!mapping) {
-        kv_printf(kv_debug, "mmap failed: %s\n", std::strerror(errno));
-        return {};
-    }
-    return {std::move(file), std::move(mapping)};
+/** Writes the head of a fragment that has just been mapped. */
+void makeHead(const os::Mapping& fragment, uint32_t usedBytes) {
+    const auto address = reinterpret_cast<uintptr_t>(fragment.get());
+    const uintptr_t root = address + sizeof(FragmentHead);
+    headOf(fragment) = {.fileDesc = 0,
+                        .totalSize = 0,
+                        .nextDesc = nullptr,
+                        .size = fragment.lengthBytes(),
+                        .address = address,
+                        .root = root,
+                        .firstFree = root + usedBytes};
 }
 
-std::optional<Fragment> mapFragment(int fd, uint32_t offset, const FragmentHead* expected) {
+bool isSound(const FragmentHead& head, const FragmentHead* expected, uint64_t offset, uint64_t objectBytes) {
+    return head.address == reinterpret_cast<uintptr_t>(expected) && head.address != 0 &&
+           head.address % pageBytes() == 0 && head.size != 0 && head.size % pageBytes() == 0 &&
+           offset <= objectBytes && head.size <= objectBytes - offset &&
+           head.size <= std::numeric_limits<uint32_t>::max() - offset &&
+           head.root == head.address + sizeof(FragmentHead) && head.firstFree >= head.root;
+}
+
+/**
+ * Maps a block's next fragment where it was mapped when it was made, which must be @p expected. Nothing that
+ * is mapped there already is touched. @return the head as it was found; empty on failure, which is logged
+ */
+std::optional<FragmentHead> mapFragment(Block& block, const FragmentHead* expected, off_t objectBytes) {
+    const uint32_t offset = block.totalSize;
     FragmentHead head;
     errno = EIO;  // what a short read means here
-    if (::pread(fd, &head, sizeof head, offset) != sizeof head) {
+    if (::pread(block.file.get(), &head, sizeof head, offset) != sizeof head) {
         kv_printf(kv_debug, "mmap 1 failed: %s\n", std::strerror(errno));
         return std::nullopt;
     }
-    if (!isSound(head, expected, offset, ::lseek(fd, 0, SEEK_END))) {
+    if (!isSound(head, expected, offset, static_cast<uint64_t>(objectBytes))) {
         kv_printf(kv_debug, "mmap 2 failed: %s\n", std::strerror(EINVAL));
         return std::nullopt;
     }
 
     void* address = ::mmap(pointerTo(head.address), head.size, PROT_READ | PROT_WRITE,
-                           MAP_SHARED | MAP_FIXED_NOREPLACE, fd, offset);
+                           MAP_SHARED | MAP_FIXED_NOREPLACE, block.file.get(), offset);
     if (address == MAP_FAILED && errno != EEXIST) {
         kv_printf(kv_debug, "mmap 2 failed: %s\n", std::strerror(errno));
         return std::nullopt;
@@ -138,15 +139,145 @@ std::optional<Fragment> mapFragment(int fd, uint32_t offset, const FragmentHead*
         return std::nullopt;
     }
     noteMappedFragment(head.address, head.size);
-    return Fragment{head, std::move(mapping)};
+    block.fragments.push_back(std::move(mapping));
+    block.totalSize += static_cast<uint32_t>(head.size);
+    return head;
 }
 
-void clearShMem(const std::string& name) {
-    if (::shm_unlink(pathOf(name).c_str()) == 0) {
-        kv_printf(kv_debug, "Unlinked persistent memory: %s\n", name.c_str());
-    } else {
-        kv_printf(kv_debug, "shm_unlink %s failed: %s\n", name.c_str(), std::strerror(errno));
+/** Maps the fragments from one on that stands behind those mapped. @return success */
+bool mapChain(Block& block, const FragmentHead* next, off_t objectBytes) {
+    while (next != nullptr) {
+        const uint32_t offset = block.totalSize;
+        const auto head = mapFragment(block, next, objectBytes);
+        if (!head) {
+            kv_printf(kv_debug, "Open fragment at offset 0x%X failed\n", offset);
+            return false;
+        }
+        next = head->nextDesc;
     }
+    return true;
+}
+
+}  // namespace
+
+OpenObject openShMem(std::string_view name, uid_t user, int furtherFlags) {
+    OpenObject object;
+    object.file.reset(::shm_open(ObjectPath(name).c_str(), O_RDWR | O_CREAT | furtherFlags, kObjectMode));
+    if (object.file.get() == 0) {
+        // Kept: descriptor 0 counts as a failure. It stays taken, so that the next call gets another.
+        (void)object.file.release();
+        errno = EBADF;
+        return {};
+    }
+    if (object && ::fstat(object.file.get(), &object.status) == 0 && isTrusted(object.status, user)) {
+        return object;
+    }
+    if (object) {
+        errno = EACCES;
+    }
+    if (errno != EEXIST) {
+        kv_printf(kv_debug, "shm_open failed: %s\n", std::strerror(errno));
+    }
+    return {};
+}
+
+bool reserve(int fd, uint64_t begin, uint64_t end) {
+    const off_t oldBytes = ::lseek(fd, 0, SEEK_END);
+    int failure = end > std::numeric_limits<uint32_t>::max() ? EFBIG : 0;  // totals have 32 bits
+    while (failure == 0 && begin < end) {
+        const uint64_t bytes = std::min(end - begin, kReserveBytes);
+        failure = ::posix_fallocate(fd, static_cast<off_t>(begin), static_cast<off_t>(bytes));
+        if (failure == 0) {
+            begin += bytes;
+        } else if (failure == EINTR) {
+            failure = 0;
+        } else {
+            (void)!::ftruncate(fd, oldBytes);  // gives back what was got
+        }
+    }
+    if (failure != 0) {
+        kv_printf(kv_debug, "ftruncate failed: %s\n", std::strerror(failure));
+    }
+    return failure == 0;
+}
+
+bool unlinkShMem(std::string_view name) {
+    return ::shm_unlink(ObjectPath(name).c_str()) == 0;
+}
+
+uint64_t listBytes(uint32_t count) {
+    return count <= kEntriesInFreshObject ? kObjectBytes : kObjectBytes + pageBytes();
+}
+
+os::Mapping mapList(int fd) {
+    os::Mapping mapping = mapShared(fd, listBytes(std::numeric_limits<uint32_t>::max()), 0, kListHint);
+    if (!mapping) {
+        kv_printf(kv_debug, "mmap failed: %s\n", std::strerror(errno));
+    }
+    return mapping;
+}
+
+std::optional<Block> createShMem(std::string_view name, int furtherFlags) {
+    OpenObject object = openShMem(name, ::geteuid(), furtherFlags);
+    if (!object) {
+        return std::nullopt;
+    }
+    if (reserve(object.file.get(), 0, kObjectBytes)) {
+        if (os::Mapping mapping = mapNewFragment(object.file.get(), kObjectBytes, 0)) {
+            makeHead(mapping, 0);
+            headOf(mapping).fileDesc = object.file.get();
+            headOf(mapping).totalSize = kObjectBytes;
+            Block block;
+            block.file = std::move(object.file);
+            block.totalSize = kObjectBytes;
+            block.fragments.push_back(std::move(mapping));
+            return block;
+        }
+        kv_printf(kv_debug, "mmap failed: %s\n", std::strerror(errno));
+    }
+    const os::KeptErrno kept;
+    (void)unlinkShMem(name);
+    return std::nullopt;
+}
+
+os::Mapping* addFragment(Block& block, uint64_t lengthBytes, uint32_t usedBytes) {
+    const uint64_t newTotal = block.totalSize + lengthBytes;
+    if (!reserve(block.file.get(), block.totalSize, newTotal)) {
+        return nullptr;
+    }
+    block.fragments.reserve(block.fragments.size() + 1);  // once the fragment is linked, nothing may fail
+    os::Mapping mapping = mapNewFragment(block.file.get(), lengthBytes, block.totalSize);
+    if (!mapping) {
+        kv_printf(kv_debug, "mmaping additional memory failed: %s\n", std::strerror(errno));
+        return nullptr;
+    }
+    makeHead(mapping, usedBytes);
+    // After its head, so that a process killed here leaves no half-made one.
+    std::atomic_ref(headOf(block.fragments.back()).nextDesc) = &headOf(mapping);
+    block.totalSize = static_cast<uint32_t>(newTotal);
+    headOf(block.fragments.front()).totalSize = block.totalSize;
+    block.fragments.push_back(std::move(mapping));
+    return &block.fragments.back();
+}
+
+bool mapFragments(Block& block, const OpenObject& object) {
+    const auto first = mapFragment(block, block.entry.desc, object.status.st_size);
+    if (!first) {
+        kv_printf(kv_debug, "Open main fragment failed\n");
+        return false;
+    }
+    if (!mapChain(block, first->nextDesc, object.status.st_size)) {
+        return false;
+    }
+    if (first->totalSize != block.totalSize) {  // left by a process that was killed while the block grew
+        headOf(block.fragments.front()).totalSize = block.totalSize;
+    }
+    return true;
+}
+
+bool mapFurtherFragments(Block& block) {
+    const FragmentHead* next = std::atomic_ref(headOf(block.fragments.back()).nextDesc);
+    return next == nullptr || mapChain(block, next, ::lseek(block.file.get(), 0, SEEK_END));
 }
 
 }  // namespace kv::memory

@@ -31,6 +31,7 @@ class Mapping {
     ~Mapping() { reset(); }
 
     [[nodiscard]] void* get() const noexcept { return address_; }
+    [[nodiscard]] std::size_t lengthBytes() const noexcept { return lengthBytes_; }
     [[nodiscard]] void* release() noexcept { return std::exchange(address_, nullptr); }
     explicit operator bool() const noexcept { return address_ != nullptr; }
 

@@ -23,15 +23,23 @@ KV_BEGIN_DECLS
  * last until kv_freePersistentMemory() or until the machine restarts.
  *
  * A block is a POSIX shared-memory object of the block's name; the object "/kv_persMem_main" lists all
- * blocks. The functions block on shm_open(3), ftruncate(2) and mmap(2). The first call of a process attaches
- * every block. When one of them cannot be attached, because its object is damaged or because its address is
- * occupied, none is available, and none is lost: each further call tries again, and kv_freePersistentMemory()
- * gives them up.
+ * blocks. The first call of a process attaches every block. When one of them cannot be attached, because its
+ * object is damaged or because its address is occupied, none is available, and none is lost: each further
+ * call tries again, and kv_freePersistentMemory() gives them up. Only objects of root and of the effective
+ * user are attached.
+ *
+ * All memory is reserved in /dev/shm when it is made: the list takes 64 KiB, and each block takes 64 KiB or
+ * more, so 1023 blocks take at least 64 MiB.
+ *
+ * The functions block on shm_open(3), posix_fallocate(3), mmap(2) and flock(2). Other processes are kept out
+ * with flock() on the list's object while the list is loaded, a block is made or grows, and all blocks are
+ * freed. A function waits for that lock for one second, then fails.
  *
  * A function that needs memory where it is exhausted fails; kv_freePersistentMemory() leaves blocks then.
  *
- * One process at a time uses persistent memory. A process may be killed at any moment: a block that it has
- * handed out is found again whole, a half-made one is not found. Reasons of failures go to the log.
+ * Several processes may make, find and use blocks at the same time. kv_freePersistentMemory() takes the
+ * blocks of all of them. A process may be killed at any moment: a block that it has handed out is found again
+ * whole, a half-made one is not found. Reasons of failures go to the log.
  * @{
  */
 
@@ -43,8 +51,9 @@ KV_BEGIN_DECLS
  *
  * @param name  1 to 49 characters without a slash; a longer one ends the process (SIGABRT)
  * @param size  up to 2^31 - 1
- * @return the memory; null when the block cannot be made or there are 1023 blocks already. When an existing
- *         block cannot grow, the result is where its free bytes begin, which are fewer than asked for.
+ * @return the memory; null when the block cannot be made (the list is not available or locked, /dev/shm is
+ *         full, the name cannot be an object's) or there are 1023 blocks already. When an existing block
+ *         cannot grow, the result is where its free bytes begin, which are fewer than asked for.
  */
 KV_EXPORT void* kv_allocPersistentMemory(const char* name, uint32_t size);
 
@@ -55,8 +64,9 @@ KV_EXPORT void* kv_allocPersistentMemory(const char* name, uint32_t size);
 KV_EXPORT void* kv_getPersistentMemory(const char* name);
 
 /**
- * Removes all blocks, also those that cannot be attached. What this process has mapped stays mapped until it
- * ends; the next call of the functions above begins with no blocks.
+ * Removes all blocks, also those that cannot be attached. What processes have mapped stays mapped until they
+ * end; the next call of the functions above begins with no blocks. Nothing is removed while the list's object
+ * cannot be opened or locked, which is logged.
  */
 KV_EXPORT void kv_freePersistentMemory(void);
 

@@ -6,6 +6,7 @@
 #include "persistent_machine.h"
 
 using kv::test::debug;
+using kv::test::error;
 using kv::test::inChild;
 using kv::test::info;
 using kv::test::kEntryAddress;
@@ -56,6 +57,15 @@ class DamagedPersistentMemory : public kv::test::PersistentMachine {
             EXPECT_NE(kv_allocPersistentMemory("pid", 8), nullptr);
         });
         EXPECT_EQ(reader, 0);
+    }
+
+    /** All objects with their bytes. */
+    static std::map<std::string, std::string> objects() {
+        std::map<std::string, std::string> all;
+        for (const auto& object : std::filesystem::directory_iterator("/dev/shm")) {
+            all[object.path()] = kvsim::Machine::read(object.path());
+        }
+        return all;
     }
 
     void repair() const {
@@ -129,6 +139,30 @@ TEST_F(DamagedPersistentMemory, IsRefusedWhereANameCannotBeRight) {
     EXPECT_EQ(kv_getPersistentMemory("log"), nullptr);
     EXPECT_EQ(log_.take().front(), debug("Loaded descriptor list. 1023 entries"))
         << "no more than a list may hold";
+}
+
+TEST_F(DamagedPersistentMemory, StaysUntouchedByTheTrialOfANewBlock) {
+    setValueAt<uint64_t>(grownBlock_, 16, 0);
+    kvsim::Machine::write(objectPath("stale"), "old");
+    const std::vector<Record> load = {
+        debug("Loaded descriptor list. 2 entries"), debug("Open shMem /log"),
+        debug("mmap 2 failed: Invalid argument"),   debug("Open main fragment failed"),
+        info("Open shared memory log failed"),      debug("PersMem list initialization failed")};
+    const auto objectsBefore = objects();
+    for (const std::string name : {"new", "pid", "stale", "a/b"}) {
+        std::vector<Record> expected = load;
+        if (name == "a/b") {
+            expected.push_back(debug("shm_open failed: Invalid argument"));
+            expected.push_back(debug("PersMem file creation failed: a/b"));
+        } else {
+            expected.insert(expected.end(), load.begin(), load.end());
+            expected.push_back(debug("Could not add PersMem to list: " + name));
+        }
+        expected.push_back(error("Persistent memory not available: " + name + " - creating failed"));
+        EXPECT_EQ(kv_allocPersistentMemory(name.c_str(), 8), nullptr);
+        EXPECT_EQ(log_.take(), expected);
+        EXPECT_EQ(objects(), objectsBefore) << name;
+    }
 }
 
 TEST_F(DamagedPersistentMemory, NeverCrashesItsReaderWhateverTheBytes) {

@@ -16,18 +16,11 @@ using kv::test::kFragmentBytes;
 using kv::test::kHeadBytes;
 using kv::test::kListEntries;
 using kv::test::kListObject;
-using kv::test::kUsableBytes;
+using kv::test::sharedWithChildren;
 using kv::test::startChild;
 using kv::test::waitFor;
 
 namespace {
-
-/** What a process and the next one know of each other apart from persistent memory. */
-template <typename Value>
-Value& sharedWithChildren() {
-    void* memory = ::mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return *new (memory) Value{};
-}
 
 class PersistentMemoryAfterRestart : public kv::test::PersistentMachine {};
 

@@ -1,7 +1,9 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <regex>
 #include <sys/resource.h>
+#include <vector>
 
 #include "persistent_machine.h"
 
@@ -15,6 +17,7 @@ using kv::test::kHeadBytes;
 using kv::test::kListEntries;
 using kv::test::kListObject;
 using kv::test::kUsableBytes;
+using kv::test::Record;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -22,6 +25,11 @@ namespace {
 
 char* allocate(const char* name, uint32_t size) {
     return static_cast<char*>(kv_allocPersistentMemory(name, size));
+}
+
+/** The records of a full shared memory. */
+std::vector<Record> fullMemory(const std::string& failure) {
+    return {debug("ftruncate failed: No space left on device"), debug(failure)};
 }
 
 class PersistentMemory : public kv::test::PersistentMachine {};
@@ -93,13 +101,22 @@ TEST_F(PersistentMemory, HasRoomFor1023BlocksAndCountsFurtherAttempts) {
     if (descriptors.rlim_max < 1100) {
         GTEST_SKIP() << "a process here may have " << descriptors.rlim_max << " descriptors, 1100 are needed";
     }
-    const int writer = inChild([this] {
+    const std::size_t withoutSecondPage = 1018UL * kFragmentBytes;
+    limitSharedMemory(withoutSecondPage);
+    const int writer = inChild([&, this] {
         for (int i = 0; i < 1023; ++i) {
             char* memory = allocate(("block " + std::to_string(i)).c_str(), 1);
             ASSERT_NE(memory, nullptr) << i;
             *memory = static_cast<char>(i);
             if (i == 1015) {
                 EXPECT_EQ(std::filesystem::file_size(kListObject), 65536U) << "the last entry that fits";
+                log_.take();
+                EXPECT_EQ(allocate("block 1016", 1), nullptr) << "the list has no memory to grow";
+                auto expected = fullMemory("Could not add PersMem to list: block 1016");
+                expected.push_back(error("Persistent memory not available: block 1016 - creating failed"));
+                EXPECT_EQ(log_.take(), expected);
+                EXPECT_FALSE(std::filesystem::exists(objectPath("block 1016")));
+                limitSharedMemory(withoutSecondPage + 8UL * kFragmentBytes, MS_REMOUNT);
             }
         }
         log_.take();
@@ -110,6 +127,7 @@ TEST_F(PersistentMemory, HasRoomFor1023BlocksAndCountsFurtherAttempts) {
                                     debug("Could not add PersMem to list: one more"),
                                     error("Persistent memory not available: one more - creating failed")));
             EXPECT_EQ(valueAt<uint32_t>(kListObject, 0), 1023 + attempt);
+            EXPECT_FALSE(std::filesystem::exists(objectPath("one more")));
         }
         setValueAt<uint32_t>(kListObject, 0, 0xFFFFFFFF);
         EXPECT_EQ(allocate("one more", 8), nullptr);
@@ -127,9 +145,40 @@ TEST_F(PersistentMemory, HasRoomFor1023BlocksAndCountsFurtherAttempts) {
     EXPECT_EQ(reader, 0);
 }
 
+TEST_F(PersistentMemory, IsRefusedWhereSharedMemoryIsFull) {
+    constexpr std::size_t kPage = 4096;
+    limitSharedMemory(kFragmentBytes - kPage);
+    EXPECT_EQ(kv_getPersistentMemory("log"), nullptr);
+    EXPECT_EQ(log_.take().front(), debug("ftruncate failed: No space left on device")) << "the list";
+
+    limitSharedMemory(4 * kFragmentBytes - kPage, MS_REMOUNT);
+    char* first = allocate("log", kUsableBytes - 10);
+    char* second = allocate("log", 11);
+    ASSERT_NE(second, nullptr);
+    log_.take();
+    EXPECT_EQ(allocate("pid", 8), nullptr);
+    auto expected = fullMemory("PersMem file creation failed: pid");
+    expected.push_back(error("Persistent memory not available: pid - creating failed"));
+    EXPECT_EQ(log_.take(), expected);
+    EXPECT_FALSE(std::filesystem::exists(objectPath("pid")));
+    EXPECT_EQ(allocate("log", kUsableBytes), second + 11) << "where its free bytes begin";
+    EXPECT_EQ(log_.take(), fullMemory("Could not enlarge persistent memory"));
+    std::memset(first, 1, kUsableBytes);
+    std::memset(second, 1, kUsableBytes);
+
+    limitSharedMemory(6 * kFragmentBytes, MS_REMOUNT);
+    EXPECT_NE(allocate("pid", 8), nullptr) << "none of it was kept back";
+}
+
 TEST_F(PersistentMemory, IsGoneOnceItIsFreed) {
-    (void)allocate("pid", 100);
+    const char* pid = allocate("pid", 100);
     (void)allocate("filter", 100);
+    const auto mapped = [] {
+        const std::string maps = kvsim::Machine::read("/proc/self/maps");
+        const std::regex object("/dev/shm/");
+        return std::distance(std::sregex_iterator(maps.begin(), maps.end(), object), std::sregex_iterator());
+    };
+    const auto mappedBefore = mapped();
     kvsim::Machine::remove(objectPath("filter"));
     log_.take();
 
@@ -138,6 +187,8 @@ TEST_F(PersistentMemory, IsGoneOnceItIsFreed) {
                                          debug("shm_unlink filter failed: No such file or directory"),
                                          debug("Unlinked persistent memory: kv_persMem_main")));
     EXPECT_TRUE(std::filesystem::is_empty("/dev/shm"));
+    EXPECT_EQ(mapped(), mappedBefore) << "the blocks and the list";
+    EXPECT_EQ(*pid, 0);
 
     EXPECT_EQ(kv_getPersistentMemory("pid"), nullptr);
     EXPECT_THAT(log_.take(), ElementsAre(debug("Loaded descriptor list. 0 entries"),
