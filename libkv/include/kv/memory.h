@@ -83,8 +83,8 @@ KV_EXPORT void kv_freePersistentMemory(void);
  *
  * The kernel's devices of uncached buffers outlive the process: what is not freed stays until the next
  * process asks for its first uncached buffer, which removes them all. So one process at a time uses them.
- * All functions block on the kernel's files; reasons of failures go to the log. A function that needs
- * memory where it is exhausted fails.
+ * All functions block on the kernel's files. Reasons of failures go to the log, except where a function says
+ * that it logs nothing. Exhausted memory counts as a failure and is not logged.
  * @{
  */
 
@@ -150,17 +150,20 @@ typedef struct kv_udmabuf_Handle {
  * 0 to 255 that is not there.
  *
  * @param length  the driver takes whole pages for it and tells this size all the same
- * @return the buffer; null for a size of 0, and when the buffer cannot be made and mapped or has another size
- *         than asked for. A device that was made then stays until kv_udmabuf_deleteAllBuffers(). When only
- *         mmap() fails, the buffer's userPtr is MAP_FAILED and the buffer cannot be freed.
+ * @return the buffer; null when the buffer cannot be made, opened or mapped and when its physical address
+ *         cannot be read, which is logged; null without a log record for a size of 0, and when the buffer has
+ *         another size than asked for or its size cannot be read. A device that was made then stays until
+ *         kv_udmabuf_deleteAllBuffers(). When only mmap() fails, the buffer's userPtr is MAP_FAILED and the
+ *         buffer cannot be freed.
  */
 KV_EXPORT kv_udmabuf_Handle* kv_udmabuf_allocBuffer(size_t length);
 
 /**
  * Unmaps a buffer, lets the manager delete its device, and frees the handle.
  *
- * @return 0; -1 when the buffer cannot be unmapped or the manager cannot be opened. The handle is then still
- *         the caller's, who may try again; the memory may be unmapped already.
+ * @return 0; -1 when the buffer cannot be unmapped or the manager cannot be opened, which is not logged. The
+ *         handle is then still the caller's, who may try again. When the manager could not be opened, the
+ *         memory is unmapped already and userPtr is null.
  */
 KV_EXPORT int kv_udmabuf_freeBuffer(kv_udmabuf_Handle* handle);
 
@@ -173,10 +176,11 @@ KV_EXPORT int kv_udmabuf_deleteAllBuffers(void);
  *
  * @param size      rounded up to whole 4096 bytes
  * @param physAddr  receives the block's first byte as a board addresses it; 0 on failure
- * @return the block, on a page boundary; null for a size of 0, without a free block that is large enough, and
- *         where the buffer's device is missing or cannot be opened. Throws std::invalid_argument or
- *         std::out_of_range when the device's address or size is no number; the next call tries again. A
- *         buffer that cannot be mapped is not noticed: its blocks cannot be used.
+ * @return the block, on a page boundary; null when the buffer's device is missing, cannot be read or cannot
+ * be opened, which is logged; null without a log record for a size of 0, without a free block that is large
+ * enough, and when memory is exhausted, for the buffer's lock too: the next call tries again. Throws
+ * std::invalid_argument or std::out_of_range when the device's address or size is not a number; the next call
+ * tries again. A buffer that cannot be mapped is not noticed: its blocks cannot be used.
  */
 KV_EXPORT void* kv_udmabuf_allocCachedBuffer(size_t size, uintptr_t* physAddr);
 
@@ -185,7 +189,8 @@ KV_EXPORT void* kv_udmabuf_allocCachedBuffer(size_t size, uintptr_t* physAddr);
  *
  * @param addr  what the allocation returned
  * @return 0, also when a free block begins there; -1 when none does (free neighbours become one), which is
- *         logged if the address is in the buffer, and when nothing is mapped
+ *         logged if the address is in the buffer; -1 without a log record when nothing is mapped, and when
+ *         memory for the buffer's lock is exhausted
  */
 KV_EXPORT int kv_udmabuf_freeCachedBuffer(void* addr);
 
