@@ -48,7 +48,7 @@ struct Race {
     static char mark(int process, int place) { return static_cast<char>(process * 100 + place + 1); }
 
     void take(int process) {
-        ::alarm(5);  // where the other one has failed
+        ::alarm(60);  // where the other one has failed
         for (int place = 0; place < 2 * kSteps; ++place) {
             places[process] = place + 1;
             while (places[1 - process] <= place) {
@@ -208,7 +208,7 @@ TEST_F(SharedPersistentMemory, IsUsedWithoutTrustInWhatOthersWriteThere) {
     for (const auto& each : cases) {
         SCOPED_TRACE(std::to_string(each.offset) + ": " + std::to_string(each.value));
         const int status = inChild([&] {
-            ::alarm(5);
+            ::alarm(60);
             char* first = allocate("log", 8);
             char* head = first - kHeadBytes;
             std::memcpy(head + each.offset, &each.value, each.offset == kTotalSize ? 4 : 8);
