@@ -5,13 +5,12 @@
 #include <new>
 #include <pthread.h>
 #include <sched.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <kv/diagnostics.h>
 #include <kv/threads.h>
 
 #include "os/cancellation.h"
+#include "os/credential.h"
 #include "runtime/kv_root.h"
 
 namespace {
@@ -19,24 +18,14 @@ namespace {
 struct ThreadStart {
     void* (*function)(void*);
     void* argument;
-    uid_t effectiveUser;
+    kv::os::Credential credential;
 };
-
-/** Drops the root rights that a thread inherits from its creation, for the calling thread alone. */
-void dropTo(uid_t user) {
-    if (geteuid() == user) {
-        return;
-    }
-    // The C library's wrapper of this call would change every thread of the process.
-    constexpr auto kUnchanged = static_cast<uid_t>(-1);
-    if (syscall(SYS_setresuid, kUnchanged, user, kUnchanged) != 0) {
-        std::abort();  // rather than run on as root unasked
-    }
-}
 
 void* runThread(void* argument) {
     const ThreadStart start = *std::unique_ptr<ThreadStart>(static_cast<ThreadStart*>(argument));
-    dropTo(start.effectiveUser);
+    if (!start.credential.restore()) {
+        std::abort();  // rather than run on as root unasked
+    }
     return start.function(start.argument);
 }
 
@@ -70,7 +59,7 @@ bool initialiseAttributes(pthread_attr_t& attributes, int priority) {
 /** @return 0 or an error number */
 int createAsRoot(pthread_t& thread, const pthread_attr_t& attributes, void* (*function)(void*),
                  void* argument) {
-    std::unique_ptr<ThreadStart> start(new (std::nothrow) ThreadStart{function, argument, geteuid()});
+    std::unique_ptr<ThreadStart> start(new (std::nothrow) ThreadStart{function, argument, {}});
     if (start == nullptr) {
         return ENOMEM;
     }

@@ -14,9 +14,10 @@ namespace brevane {
  * Only the calling thread's effective user changes (the kernel's rights are per thread); the threads beside
  * it keep theirs. A thread that is created meanwhile inherits root and keeps it, so create threads outside
  * the scope. Objects nest; the rights drop with the outermost one, which must be destroyed by the thread that
- * made it. Where the thread is root already, or may not become root, nothing happens: the privileged call
- * itself then tells what is missing. errno is left alone. A thread that can't drop root again ends the
- * process.
+ * made it. The effective user, the effective capabilities and, once no thread of the process is raised any
+ * more, the process's dumpable flag are then as before. Where the thread is root already, or may not become
+ * root, nothing happens: the privileged call itself then tells what is missing. errno is left alone. A thread
+ * that can't drop root again ends the process.
  */
 class BREVANE_EXPORT IamRoot {
  public:

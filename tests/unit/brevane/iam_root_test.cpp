@@ -1,10 +1,15 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <linux/capability.h>
 #include <map>
+#include <optional>
 #include <stop_token>
 #include <string>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -31,6 +36,25 @@ std::map<pid_t, uid_t> effectiveUsers() {
     return users;
 }
 
+/** What a borrowed root changes: of the calling thread the effective user and capabilities, of the process a
+ * flag. */
+auto credential() {
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    __user_cap_data_struct capabilities[_LINUX_CAPABILITY_U32S_3] = {};
+    syscall(SYS_capget, &header, capabilities);
+    return std::tuple(geteuid(), capabilities[0].effective, capabilities[1].effective,
+                      prctl(PR_GET_DUMPABLE));
+}
+
+/** Lets the calling thread alone have a capability that it may have. */
+bool haveEffective(unsigned capability) {
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    __user_cap_data_struct capabilities[_LINUX_CAPABILITY_U32S_3] = {};
+    syscall(SYS_capget, &header, capabilities);
+    capabilities[0].effective = 1U << capability;
+    return syscall(SYS_capset, &header, capabilities) == 0;
+}
+
 void idle(const std::stop_token& stop) {
     while (!stop.stop_requested()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -50,6 +74,9 @@ TEST(IamRoot, RaisesTheCallingThreadAloneUntilTheOutermostObjectEnds) {
     auto onlyThisThreadRoot = everyoneNobody;
     onlyThisThreadRoot[gettid()] = 0;
 
+    ASSERT_TRUE(haveEffective(CAP_SYS_NICE));
+    ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
+    const auto before = credential();
     errno = E2BIG;
     {
         const IamRoot outer;
@@ -64,6 +91,14 @@ TEST(IamRoot, RaisesTheCallingThreadAloneUntilTheOutermostObjectEnds) {
     }
     EXPECT_EQ(errno, E2BIG);
     EXPECT_EQ(effectiveUsers(), everyoneNobody);
+    EXPECT_EQ(credential(), before);
+
+    // The process stays undumpable until its last thread has dropped root.
+    auto outer = std::make_optional<IamRoot>();
+    std::thread([] { const IamRoot root; }).join();
+    EXPECT_EQ(prctl(PR_GET_DUMPABLE), 0);
+    outer.reset();
+    EXPECT_EQ(credential(), before);
 }
 
 TEST(IamRoot, LeavesRootAndThoseWhoMayNotBecomeRootAlone) {

@@ -109,6 +109,7 @@ TEST(KvThread, DoesNotKeepTheRootRightsThatItsCreationTook) {
     const auto everyoneNobody = effectiveUsers();
     ASSERT_EQ(everyoneNobody.at(gettid()), kNobody);
 
+    prctl(PR_SET_DUMPABLE, 1);
     Worker worker;
     void* handle = worker.start();
     ASSERT_NE(handle, nullptr) << "the rights for it could be had";
@@ -124,6 +125,7 @@ TEST(KvThread, DoesNotKeepTheRootRightsThatItsCreationTook) {
 
     kv_destroyThread(handle);
     EXPECT_EQ(effectiveUsers(), everyoneNobody);
+    EXPECT_EQ(prctl(PR_GET_DUMPABLE), 1);
 }
 
 }  // namespace

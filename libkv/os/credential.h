@@ -1,0 +1,45 @@
+#pragma once
+
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace kv::os {
+
+/** The rights of the calling thread, and the process's dumpable flag, which a change of user clears. */
+class Credential {
+ public:
+    Credential() noexcept {
+        auto header = ofThisThread();
+        (void)::syscall(SYS_capget, &header, capabilities_);  // fails for nothing that is passed here
+    }
+
+    /** Drops what the calling thread has inherited above these rights. @return whether the user is the former
+     * one */
+    [[nodiscard]] bool restore() const noexcept {
+        constexpr auto kUnchanged = static_cast<uid_t>(-1);
+        if (::geteuid() == user_) {
+            return true;
+        }
+        // The C library's wrapper of this call would change every thread of the process.
+        if (::syscall(SYS_setresuid, kUnchanged, user_, kUnchanged) != 0) {
+            return false;
+        }
+        auto header = ofThisThread();
+        (void)::syscall(SYS_capset, &header, capabilities_);  // the change of user took the effective ones
+        (void)::prctl(PR_SET_DUMPABLE, dumpable_);
+        return true;
+    }
+
+ private:
+    static __user_cap_header_struct ofThisThread() noexcept {
+        return {.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    }
+
+    uid_t user_ = ::geteuid();
+    int dumpable_ = ::prctl(PR_GET_DUMPABLE);
+    __user_cap_data_struct capabilities_[_LINUX_CAPABILITY_U32S_3] = {};
+};
+
+}  // namespace kv::os
