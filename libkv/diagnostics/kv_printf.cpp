@@ -2,6 +2,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cxxabi.h>
+#include <optional>
 #include <pthread.h>
 #include <string_view>
 
@@ -32,25 +33,23 @@ bool loggingEnabled() {
     return core.get_logging_enabled();
 }
 
-/** Emits one line, given with its newline, as one record. A sink that writes is not cancelled halfway. */
+/** Emits one line, given with its newline, as one record. */
 void logMsg(Severity severity, std::string_view line) {
-    const kv::os::CancellationHold hold;
+    std::optional<kv::os::CancellationHold> hold;  // only for a record that the filters accept: sinks block
     line.remove_suffix(1);
     auto& logger = brevane::Logger::getLogger();
     if (!isSeverity(severity)) {
         BOOST_LOG_CHANNEL_SEV(logger, kChannel, trivial::error)
-            << "Error occoured during logging, should never land here!";
+            << (hold.emplace(), "Error occoured during logging, should never land here!");
         return;
     }
     // Boost.Log's trivial levels count as our severities do.
-    BOOST_LOG_CHANNEL_SEV(logger, kChannel, static_cast<trivial::severity_level>(severity)) << "KV: " << line;
+    BOOST_LOG_CHANNEL_SEV(logger, kChannel, static_cast<trivial::severity_level>(severity))
+        << (hold.emplace(), "KV: ") << line;
 }
 
 /** Emits each complete line of a message. */
 void printLines(Severity severity, const char* format, va_list arguments) {
-    if (!loggingEnabled()) {
-        return;
-    }
     const kv::os::KeptErrno callersReason;
 
     std::array<char, kBufferSize> buffer;
@@ -79,6 +78,9 @@ void printLines(Severity severity, const char* format, va_list arguments) {
 }  // namespace
 
 void kv::print(Severity severity, const char* format, ...) {
+    if (!loggingEnabled()) {
+        return;
+    }
     va_list arguments;
     va_start(arguments, format);
     printLines(severity, format, arguments);
@@ -86,9 +88,11 @@ void kv::print(Severity severity, const char* format, ...) {
 }
 
 void kv_printf(Severity severity, const char* msg, ...) {
-    va_list arguments;
-    va_start(arguments, msg);
-    printLines(severity, msg, arguments);
-    va_end(arguments);
+    if (loggingEnabled()) {
+        va_list arguments;
+        va_start(arguments, msg);
+        printLines(severity, msg, arguments);
+        va_end(arguments);
+    }
     pthread_testcancel();  // so that a thread that only prints can be destroyed
 }

@@ -302,7 +302,7 @@ TEST(CancelledWorkers, EndAfterTheCallThatTheyAreInAndLeaveNothingOpen) {
 #endif
     kvsim::Machine machine = equippedMachine();
     ENTER_MACHINE(machine);
-    ::alarm(300);
+    ::alarm(100);
     kvsim::Machine::write(kTranslation, "lo:0:Hostlink;");
     std::setvbuf(stdout, nullptr, _IONBF, 0);  // a line is a write
     logToRotatingFile();
@@ -323,8 +323,8 @@ TEST(CancelledWorkers, EndAfterTheCallThatTheyAreInAndLeaveNothingOpen) {
         current = &row;
         decltype(openFiles()) files = 0;
         std::string maps;
-        for (int round = 0; round < 12; ++round) {
-            Worker worker{.row = &row, .cancelsItselfFirst = round < 4};
+        for (int round = 0; round < 6; ++round) {
+            Worker worker{.row = &row, .cancelsItselfFirst = round < 2};
             runAndCancel(worker);
             if (round == 0) {  // which opened what is kept on purpose
                 files = openFiles();
