@@ -78,7 +78,7 @@ TEST_F(LogFile, GoesOnWhenWritingThreadsAreCancelled) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "AddressSanitizer mistakes the stack of a cancelled thread for an overwritten one";
 #endif
-    addFileSink({directory_, 1'000'000, 2});
+    addFileSink({directory_, 500, 2});
     const auto writeForever = [](void*) -> void* {
         for (;;) {
             write("KV: busy");
