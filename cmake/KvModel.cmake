@@ -4,6 +4,7 @@ function(kv_add_model name)
     add_executable(${name} ${ARGN})
     target_include_directories(${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
     target_link_libraries(${name} PRIVATE kv::kv kv::brevane m)
+    target_compile_options(${name} PRIVATE $<$<COMPILE_LANGUAGE:C>:-fexceptions>)  # cancelled threads unwind
 
     set(application ${CMAKE_CURRENT_BINARY_DIR}/${name})
     if(KV_MODEL_FOLDER)
