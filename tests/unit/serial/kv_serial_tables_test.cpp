@@ -1,8 +1,5 @@
 #include "serial/kv_serial_tables.h"
 
-#include <map>
-#include <vector>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,28 +9,6 @@
 using namespace kv::serial;
 
 namespace {
-
-TEST(SerialTables, HaveTheAddressesOfEveryTargetType) {
-    const std::vector<uint32_t> common = {0x3f8, 0x2f8, 0x220, 0x228, 0x238, 0x338};
-    const std::vector<uint32_t> rambler = {0x3f8, 0x2f8, 0x3e8, 0x2e8, 0x238, 0x338};
-    const std::map<uint32_t, std::vector<uint32_t>> differing = {
-        {Birch, {0x3f8, 0x2f8, 0x3e8, 0x2e8, 0x2f0, 0x2e0}},
-        {RamblerV2, rambler},
-        {RamblerV3, rambler},
-        {Larch, {0x3f8, 0x2f8, 0x240, 0x248, 0x250, 0x258}},
-        {Olive, {0xff000000, 0xff010000}},
-        {NonKelvaro, {}}};
-    for (uint32_t type = Alder; type <= NonKelvaro; ++type) {
-        std::vector<uint32_t> addresses;
-        for (int port = -1; port <= 8; ++port) {
-            if (const auto address = baseAddress(static_cast<kv_TargetType>(type), port)) {
-                EXPECT_EQ(port, static_cast<int>(addresses.size()) + 1);
-                addresses.push_back(*address);
-            }
-        }
-        EXPECT_EQ(addresses, differing.contains(type) ? differing.at(type) : common) << "type " << type;
-    }
-}
 
 TEST(SerialTables, HaveNoPortOnForeignMachines) {
     kv::test::LogCapture log;
