@@ -2,10 +2,8 @@
 
 #include <cerrno>
 #include <exception>
+#include <new>
 #include <system_error>
-#include <vector>
-
-#include <gpiod.hpp>
 
 namespace kv::serial {
 
@@ -13,34 +11,51 @@ namespace {
 
 constexpr const char* kConsumer = "onboard_serial";
 
-}  // namespace
-
-std::optional<GpioLine> findGpioLine(const char* name) noexcept {
+template <typename Step>
+int errorOf(Step step) noexcept {
     try {
-        const gpiod::line line = gpiod::find_line(name);
-        return line ? std::optional(GpioLine{line.get_chip().name(), line.offset()}) : std::nullopt;
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
-}
-
-int driveGpioLines(const std::string& chip, std::initializer_list<GpioValue> values) noexcept {
-    try {
-        const gpiod::chip opened(chip, gpiod::chip::OPEN_BY_NAME);
-        gpiod::line_bulk lines;
-        std::vector<int> levels;
-        for (const GpioValue& each : values) {
-            lines.append(opened.get_line(each.offset));
-            levels.push_back(each.value);
-        }
-        lines.request({kConsumer, gpiod::line_request::DIRECTION_OUTPUT, {}}, levels);
-        lines.release();
+        step();
         return 0;
     } catch (const std::system_error& error) {
         return error.code().value();
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
     } catch (const std::exception&) {
         return ENODEV;  // the chip has fewer lines
     }
+}
+
+}  // namespace
+
+int GpioLines::findAndTake(const char* line, int value) noexcept {
+    return errorOf([&] {
+        const gpiod::line found = gpiod::find_line(line);
+        if (!found) {
+            throw std::system_error(ENOENT, std::generic_category());
+        }
+        chip_ = found.get_chip();
+        add(found, value);
+    });
+}
+
+int GpioLines::open(const std::string& chip) noexcept {
+    return errorOf([&] { chip_.open(chip, gpiod::chip::OPEN_BY_NAME); });
+}
+
+int GpioLines::take(unsigned offset, int value) noexcept {
+    return errorOf([&] { add(chip_.get_line(offset), value); });
+}
+
+int GpioLines::drive() noexcept {
+    return errorOf([&] {
+        lines_.request({kConsumer, gpiod::line_request::DIRECTION_OUTPUT, {}}, values_);
+        lines_.release();
+    });
+}
+
+void GpioLines::add(const gpiod::line& line, int value) {
+    lines_.append(line);
+    values_.push_back(value);
 }
 
 }  // namespace kv::serial

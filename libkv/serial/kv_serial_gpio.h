@@ -1,32 +1,42 @@
 #pragma once
 
-#include <initializer_list>
-#include <optional>
 #include <string>
+#include <vector>
+
+#include <gpiod.hpp>
 
 namespace kv::serial {
 
-// All use of libgpiod is behind these functions. They throw nothing and leave nothing open.
-
-struct GpioLine {
-    std::string chip; /**< name of the chip, such as gpiochip0 */
-    unsigned offset;  /**< number of the line on it */
-};
-
-/** @return the first line of that name on any chip; empty where there is none, or chips cannot be read */
-std::optional<GpioLine> findGpioLine(const char* name) noexcept;
-
-struct GpioValue {
-    unsigned offset;
-    int value;
-};
-
 /**
- * Makes lines of a chip outputs with the given values, all at once, and releases them: no line shows another
- * value in between.
- *
- * @return 0 or an error number
+ * Lines of one GPIO chip that are driven together. All use of libgpiod is behind this class. Its functions
+ * throw nothing and return 0 or an error number.
  */
-int driveGpioLines(const std::string& chip, std::initializer_list<GpioValue> values) noexcept;
+class GpioLines {
+ public:
+    /** Opens the chip that has a line of this name, the first one of all chips, and takes the line. */
+    int findAndTake(const char* line, int value) noexcept;
+
+    /** Opens a chip by its name, such as gpiochip0. */
+    int open(const std::string& chip) noexcept;
+
+    /** Takes a line of the opened chip. */
+    int take(unsigned offset, int value) noexcept;
+
+    /**
+     * Makes the lines outputs with their values, all in one request, and releases them: no line shows another
+     * value in between.
+     */
+    int drive() noexcept;
+
+    /** @return the name of the opened chip */
+    [[nodiscard]] std::string chip() const { return chip_.name(); }
+
+ private:
+    void add(const gpiod::line& line, int value);
+
+    gpiod::chip chip_;
+    gpiod::line_bulk lines_;
+    std::vector<int> values_;
+};
 
 }  // namespace kv::serial

@@ -1,11 +1,8 @@
 #pragma once
 
-#include <initializer_list>
 #include <string>
 
 #include <kv/target.h>
-
-#include "serial/kv_serial_gpio.h"
 
 namespace kv::serial {
 
@@ -18,7 +15,7 @@ int descriptorOf(int port);
 /** The chip that carries the onboard ports' GPIO lines. Empty until an opening has found it. */
 const std::string& gpioChipName();
 
-/** Drives a port's GPIO lines; logs where that is not possible. @return 0 or -1 */
-int driveLines(int port, const std::string& chip, std::initializer_list<GpioValue> values);
+/** @param error  of a step with a port's GPIO lines. @return whether it is 0; any other is logged */
+bool isAvailable(int port, const std::string& chip, int error);
 
 }  // namespace kv::serial

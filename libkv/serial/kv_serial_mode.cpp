@@ -1,16 +1,21 @@
 #include <cstring>
+#include <initializer_list>
+#include <string>
+#include <utility>
 
 #include <kv/diagnostics.h>
 #include <kv/serial.h>
 
 #include "os/cancellation.h"
+#include "serial/kv_serial_gpio.h"
 #include "serial/kv_serial_internal.h"
 #include "serial/kv_serial_tables.h"
 
 namespace {
 
-using kv::serial::driveLines;
 using kv::serial::gpioChipName;
+using kv::serial::GpioLines;
+using kv::serial::isAvailable;
 using kv::serial::TransceiverLines;
 
 bool isInitialized() {
@@ -21,30 +26,37 @@ bool isInitialized() {
     return true;
 }
 
-const TransceiverLines* linesOf(int port) {
-    const TransceiverLines* const lines = kv::serial::transceiverLines(port);
-    if (lines == nullptr) {
+/** Takes lines of the onboard ports' chip with their values; logs where that is not possible. */
+bool take(GpioLines& lines, int port, std::initializer_list<std::pair<unsigned, int>> settings) {
+    int error = lines.open(gpioChipName());
+    for (const auto& [offset, value] : settings) {
+        error = error == 0 ? lines.take(offset, value) : error;
+    }
+    return isAvailable(port, gpioChipName(), error);
+}
+
+const TransceiverLines* offsetsOf(int port) {
+    const TransceiverLines* const offsets = kv::serial::transceiverLines(port);
+    if (offsets == nullptr) {
         kv_printf(kv_error, "Port number %d is not valid\n", port);
     }
-    return lines;
+    return offsets;
 }
 
 }  // namespace
 
-int kv::serial::driveLines(int port, const std::string& chip, std::initializer_list<GpioValue> values) {
-    const int error = driveGpioLines(chip, values);
+bool kv::serial::isAvailable(int port, const std::string& chip, int error) {
     if (error != 0) {
         kv_printf(kv_error, "[port %d] GPIO lines of %s not available: %s\n", port, chip.c_str(),
                   std::strerror(error));
-        return -1;
     }
-    return 0;
+    return error == 0;
 }
 
 int kv_serial_device_set_mode(int port, int mode) {
     const kv::os::CancellationHold hold;
-    const TransceiverLines* const lines = linesOf(port);
-    if (lines == nullptr) {
+    const TransceiverLines* const offsets = offsetsOf(port);
+    if (offsets == nullptr) {
         return -1;
     }
     const kv::serial::ModeValues* const values = kv::serial::modeValues(mode);
@@ -55,16 +67,19 @@ int kv_serial_device_set_mode(int port, int mode) {
     if (!isInitialized()) {
         return -1;
     }
-    kv_printf(kv_debug, "RS485 line: %d\n", static_cast<int>(lines->rs485));
-    kv_printf(kv_debug, "Half-duplex line: %d\n", static_cast<int>(lines->halfDuplex));
-    return driveLines(port, gpioChipName(),
-                      {{lines->rs485, values->rs485}, {lines->halfDuplex, values->halfDuplex}});
+    GpioLines lines;
+    if (!take(lines, port, {{offsets->rs485, values->rs485}, {offsets->halfDuplex, values->halfDuplex}})) {
+        return -1;
+    }
+    kv_printf(kv_debug, "RS485 line: %d\n", static_cast<int>(offsets->rs485));
+    kv_printf(kv_debug, "Half-duplex line: %d\n", static_cast<int>(offsets->halfDuplex));
+    return isAvailable(port, gpioChipName(), lines.drive()) ? 0 : -1;
 }
 
 int kv_serial_device_set_termination(int port, int value) {
     const kv::os::CancellationHold hold;
-    const TransceiverLines* const lines = linesOf(port);
-    if (lines == nullptr) {
+    const TransceiverLines* const offsets = offsetsOf(port);
+    if (offsets == nullptr) {
         return -1;
     }
     if (value > 1) {
@@ -74,6 +89,10 @@ int kv_serial_device_set_termination(int port, int value) {
     if (!isInitialized()) {
         return -1;
     }
-    kv_printf(kv_debug, "Termination line: %d\n", static_cast<int>(lines->termination));
-    return driveLines(port, gpioChipName(), {{lines->termination, value}});
+    GpioLines lines;
+    if (!take(lines, port, {{offsets->termination, value}})) {
+        return -1;
+    }
+    kv_printf(kv_debug, "Termination line: %d\n", static_cast<int>(offsets->termination));
+    return isAvailable(port, gpioChipName(), lines.drive()) ? 0 : -1;
 }

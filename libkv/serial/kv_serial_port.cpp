@@ -3,17 +3,20 @@
 #include <sys/stat.h>
 
 #include <kv/diagnostics.h>
+#include <kv/process.h>
 #include <kv/serial.h>
 
 #include "os/cancellation.h"
 #include "os/shell.h"
 #include "os/unique_fd.h"
 #include "runtime/kv_root.h"
+#include "serial/kv_serial_gpio.h"
 #include "serial/kv_serial_internal.h"
 #include "serial/kv_serial_tables.h"
 
 namespace {
 
+using kv::serial::GpioLines;
 using kv::serial::kPorts;
 using kv::serial::OnboardPort;
 
@@ -53,23 +56,30 @@ void letEveryUserOpen(const char* node) {
     (void)::chmod(node, kEveryUser);  // the open that follows tells whether it matters
 }
 
-/** Switches the port's transmitter on. Once its line is found, the chip's name counts for all ports. */
+/** Takes the transmit-enable line and the second line of its chip; logs where one is not there. */
+bool takeLines(int port, const OnboardPort& onboard, GpioLines& lines) {
+    if (lines.findAndTake(onboard.transmitLine, 1) != 0) {
+        kv_printf(kv_error, "[port %d] GPIO line %s not found\n", port, onboard.transmitLine);
+        return false;
+    }
+    return kv::serial::isAvailable(port, lines.chip(), lines.take(onboard.secondLine, 0));
+}
+
+/** Switches the port's transmitter on. Once both lines are taken, the chip's name counts for all ports. */
 bool prepare(int port, const OnboardPort& onboard) {
     if (onboard.stopConsole != nullptr) {
         (void)kv::os::runShell(onboard.stopConsole);  // there may be no console to stop
     }
-    const auto transmitLine = kv::serial::findGpioLine(onboard.transmitLine);
-    if (!transmitLine) {
-        kv_printf(kv_error, "[port %d] GPIO line %s not found\n", port, onboard.transmitLine);
+    GpioLines lines;
+    if (!takeLines(port, onboard, lines)) {
         return false;
     }
     std::string& chipName = onboardPorts().gpioChipName;
     if (chipName.empty()) {
-        chipName = transmitLine->chip;
+        chipName = lines.chip();
     }
     letEveryUserOpen(onboard.node);
-    return kv::serial::driveLines(port, transmitLine->chip,
-                                  {{transmitLine->offset, 1}, {onboard.secondLine, 0}}) == 0;
+    return kv::serial::isAvailable(port, lines.chip(), lines.drive());
 }
 
 }  // namespace
@@ -96,13 +106,13 @@ int kv::serial::openPort(kv_TargetType type, int port, int flags) {
     if (!prepare(port, *onboard)) {
         return -1;
     }
-    kv::os::UniqueFd file = kv::os::openFile(node.data(), flags);
-    if (!file) {
+    const int fd = kv_openAsRoot(node.data(), flags);
+    if (fd == -1) {
         kv_printf(kv_error, "[port %d] Failed to open device %s\n", port, node.data());
         return -1;
     }
-    *slot = file.release();  // until kv_serial_port_close()
-    return *slot;
+    *slot = fd;  // until kv_serial_port_close()
+    return fd;
 }
 
 int kv::serial::descriptorOf(int port) {

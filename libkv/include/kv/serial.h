@@ -62,7 +62,8 @@ KV_EXPORT int kv_findSerialDeviceByPci(kv_PCIDevice* pciInfo, int port, char* ou
  * A port is open from the first call that needs it until one that closes it. The functions that open a port
  * take the open descriptor where there is one, and then touch neither GPIO lines nor flags. Opening also
  *
- * - stops the login console of port 1 (`systemctl stop serial-getty@ttyPS0`),
+ * - stops the login console of port 1 (`systemctl stop serial-getty@ttyPS0`; systemctl is found through PATH,
+ *   so start models with a PATH of the system's own folders),
  * - lets every user open the device node, with root rights where the process may have them,
  * - enables the port's transmitter, and drives line 14 (port 1) or 7 (port 2) of the same GPIO chip low.
  *
@@ -89,8 +90,10 @@ typedef enum parity_bits
 /**
  * Opens a port.
  *
- * @param port   1 to 6
- * @param flags  flags of open(2); must not ask for creation
+ * The device node is opened with root rights, where the process may have them, by kv_openAsRoot().
+ *
+ * @param flags  flags of open(2), which gets these and no others: without O_CLOEXEC, programs that the
+ *               process starts inherit the descriptor; must not ask for creation
  * @return the descriptor, which the library keeps and only its functions close; -1 when there is no such
  *         port, or its GPIO lines or device cannot be opened
  */

@@ -8,6 +8,7 @@
 
 #include "serial_machine.h"
 #include "support/shell.h"
+#include "unit/brevane/process.h"
 
 using kv::test::debug;
 using kv::test::error;
@@ -27,7 +28,10 @@ class SerialPorts : public kv::test::SerialMachine {
     /** A descriptor is written to the log. */
     static std::string fdText(int fd) { return " : fd = " + std::to_string(fd); }
 
-    static bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
+    static mode_t modeOf(const char* node) {
+        struct stat status {};
+        return ::stat(node, &status) == 0 ? status.st_mode & 0777 : 0;
+    }
 
     /** Opening fails, leaves no descriptor behind and logs one line. */
     void expectFailure(int port, const std::string& line) {
@@ -51,9 +55,7 @@ TEST_F(SerialPorts, OpenOnceAndSwitchTheTransmitterOn) {
     EXPECT_EQ(takeHistory(), kOpenedPort1);
     EXPECT_EQ(levels(), "0000000010");
     EXPECT_EQ(Machine::read("/run/kvsim/systemctl"), "stop serial-getty@ttyPS0\n");
-    struct stat node {};
-    ASSERT_EQ(::stat(kPort1, &node), 0);
-    EXPECT_EQ(node.st_mode & 0777, 0666U);
+    EXPECT_EQ(modeOf(kPort1), 0666U);
 
     EXPECT_EQ(kv_serial_port_open(1, O_RDONLY), first);
     EXPECT_EQ(takeHistory(), "");
@@ -127,21 +129,52 @@ TEST_F(SerialPorts, WithoutTheirGpioLinesTellWhatIsMissing) {
     machine_.addGpioChip({.name = "gpiochip1", .label = "short", .lines = {{5, "SERIAL1_TX_EN"}}});
     ENTER_MACHINE(machine_);
     expectFailure(1, "[port 1] GPIO line SERIAL0_TX_EN not found");
+    ASSERT_EQ(::chmod(kPort2, 0600), 0);
+    expectFailure(2, "[port 2] GPIO lines of gpiochip1 not available: No such device");
+    EXPECT_EQ(modeOf(kPort2), 0600U) << "the second line comes before anything is changed";
     EXPECT_EQ(kv_serial_device_set_mode(1, 1), -1);
     EXPECT_THAT(log_.take(), ElementsAre(error("Serial device not initialized yet")));
+    EXPECT_EQ(takeHistory(), "");
+}
 
-    expectFailure(2, "[port 2] GPIO lines of gpiochip1 not available: No such device");
-    EXPECT_EQ(kv_serial_device_set_termination(1, 1), -1);
-    EXPECT_THAT(log_.take(),
-                ElementsAre(debug("Termination line: 11"),
-                            error("[port 1] GPIO lines of gpiochip1 not available: No such device")));
-
+TEST_F(SerialPorts, ThatWereInitialisedDriveNoLinesOfAChipThatIsGone) {
+    addOnboardPorts();
+    addTransmitLines();
+    ENTER_MACHINE(machine_);
+    ASSERT_GE(kv_serial_device_open(2), 0);
+    EXPECT_EQ(kv_serial_port_close(2), 0);
+    takeHistory();
+    log_.take();
     Machine::remove("/dev/gpiochip1");
     expectFailure(2, "[port 2] GPIO line SERIAL1_TX_EN not found");
     EXPECT_EQ(kv_serial_device_set_mode(2, 2), -1);
-    EXPECT_EQ(log_.take().back(),
-              error("[port 2] GPIO lines of gpiochip1 not available: No such file or directory"));
+    EXPECT_EQ(kv_serial_device_set_termination(2, 1), -1);
+    const auto gone = error("[port 2] GPIO lines of gpiochip1 not available: No such file or directory");
+    EXPECT_THAT(log_.take(), ElementsAre(gone, gone)) << "lines are named once they were taken";
     EXPECT_EQ(takeHistory(), "");
+}
+
+TEST_F(SerialPorts, AreOpenedAsRootWithTheFlagsThatAreGiven) {
+    if (::getuid() != 0) {
+        GTEST_SKIP() << "needs root, to become a user who may become root again";
+    }
+    addOnboardPorts();
+    addTransmitLines();
+    ENTER_MACHINE(machine_);
+    std::filesystem::create_directory("/dev/roots");
+    std::filesystem::rename(kPort2, "/dev/roots/port");
+    std::filesystem::create_symlink("/dev/roots/port", kPort2);
+    ASSERT_EQ(::chmod("/dev/roots", 0700), 0);
+    ASSERT_EQ(kv::test::shell("chmod -R a+rw /run/kvsim/gpio").status, 0);
+    const brevane::test::BorrowableRoot borrowable;
+    for (const int flags : {O_RDWR | O_NOCTTY, O_RDONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK}) {
+        const int fd = kv_serial_port_open(2, flags);
+        ASSERT_GE(fd, 0) << testing::PrintToString(log_.take());
+        EXPECT_EQ(::fcntl(fd, F_GETFD), (flags & O_CLOEXEC) != 0 ? FD_CLOEXEC : 0);
+        EXPECT_EQ(::fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK), flags & (O_ACCMODE | O_NONBLOCK));
+        EXPECT_EQ(kv_serial_port_close(2), 0);
+    }
+    EXPECT_EQ(::geteuid(), brevane::test::kNobody);
 }
 
 TEST_F(SerialPorts, LoseTheRaceForALineAfterThoseBeforeItWereDriven) {
