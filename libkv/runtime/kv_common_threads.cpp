@@ -131,9 +131,10 @@ int kv_getPidPriority(pid_t pid) {
     if (sched_getparam(pid, &parameters) != 0) {
         return -1;
     }
-    const int policy = sched_getscheduler(pid);
-    if (policy < 0) {
+    const int policyAndFlags = sched_getscheduler(pid);
+    if (policyAndFlags < 0) {
         return -1;
     }
+    const int policy = policyAndFlags & ~SCHED_RESET_ON_FORK;
     return policy == SCHED_FIFO || policy == SCHED_RR ? parameters.sched_priority : 0;
 }

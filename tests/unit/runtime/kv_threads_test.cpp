@@ -1,5 +1,6 @@
 #include <chrono>
 #include <map>
+#include <sched.h>
 #include <stop_token>
 #include <string>
 #include <sys/resource.h>
@@ -79,6 +80,10 @@ TEST(KvThread, RunsAtTheLowestPriorityUntilRaisedAndIsUnwoundBeforeDestroyReturn
     EXPECT_THAT(log.take(), ElementsAre(error("Elevating thread " + std::to_string(worker.thread) +
                                               " to 100, sched_setscheduler returns -1: Unknown error -1")));
     EXPECT_EQ(kv_getPidPriority(worker.thread), 42);
+    sched_param parameters{};
+    parameters.sched_priority = 7;
+    ASSERT_EQ(sched_setscheduler(worker.thread, SCHED_RR | SCHED_RESET_ON_FORK, &parameters), 0);
+    EXPECT_EQ(kv_getPidPriority(worker.thread), 7) << "also where its children start as ordinary threads";
     EXPECT_EQ(kv_getPidPriority(gettid()), 0) << "an ordinary thread";
 
     EXPECT_EQ(kv_destroyThread(handle), 0);
