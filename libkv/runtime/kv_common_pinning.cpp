@@ -89,6 +89,7 @@ int moveAway(int cpu, const std::vector<pid_t>& threads) {
             continue;
         }
         CPU_CLR(cpu, &cpus);
+        const kv_beRootObj root;
         if (sched_setaffinity(thread, sizeof cpus, &cpus) != 0 && errno != ESRCH) {
             return errno;
         }

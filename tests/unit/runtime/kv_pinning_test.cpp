@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <set>
 #include <stop_token>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
@@ -118,28 +119,46 @@ TEST_F(Pinning, MovesNobodyWhenOneThreadMayRunOnlyThere) {
     EXPECT_EQ(kv::test::ofEachThread(affinityOf), before);
 }
 
-TEST_F(Pinning, StopsAtAThreadThatMayNotBeMovedUnlessItIsElsewhere) {
+TEST_F(Pinning, MovesThreadsOfRootWhileTheCallerMayBecomeRootAndElseStopsAtThem) {
     if (getuid() != 0) {
         GTEST_SKIP() << "needs root, for threads of two users";
     }
     SKIP_IN_EMULATOR("has a thread of its own that stays root");
     const BorrowableRoot borrowable;
     const auto becomeRoot = [] { ASSERT_EQ(syscall(SYS_setresuid, 0, 0, 0), 0); };
+    const auto pinAsNobody = [] {
+        return std::async(std::launch::async,
+                          [] {
+                              constexpr uid_t kNobody = brevane::test::kNobody;
+                              prctl(PR_SET_KEEPCAPS, 1);  // else it may not move threads that have more
+                              EXPECT_EQ(syscall(SYS_setresuid, kNobody, kNobody, kNobody), 0);
+                              return kv_pinThreadExclusiveCpu(1);
+                          })
+            .get();
+    };
     const Bystander movable;
+    {
+        const Bystander root(becomeRoot);
+        EXPECT_EQ(kv_pinThreadExclusiveCpu(1), 0);
+        EXPECT_EQ(affinityOf(movable.id()), withoutCpu1());
+        EXPECT_EQ(affinityOf(root.id()), withoutCpu1());
+        EXPECT_EQ(geteuid(), brevane::test::kNobody);
+    }
+    for (const pid_t thread : {0, movable.id()}) {
+        ASSERT_EQ(sched_setaffinity(thread, sizeof formerMask_, &formerMask_), 0);
+    }
+    {
+        const Bystander root(becomeRoot);
+        EXPECT_EQ(pinAsNobody(), EPERM);
+        EXPECT_EQ(affinityOf(movable.id()), withoutCpu1()) << "moved before the failure, stays moved";
+        EXPECT_EQ(affinityOf(root.id()), all_);
+    }
     const Bystander rootElsewhere([&] {
         kv_pinThisThreadToCpu(0);
         becomeRoot();
     });
-    {
-        const Bystander rootAnywhere(becomeRoot);
-        errno = E2BIG;
-        EXPECT_EQ(kv_pinThreadExclusiveCpu(1), EPERM);
-        EXPECT_EQ(affinityOf(movable.id()), withoutCpu1()) << "moved before the failure, stays moved";
-        EXPECT_EQ(affinityOf(rootAnywhere.id()), all_);
-        EXPECT_EQ(affinityOf(0), all_);
-    }
+    EXPECT_EQ(pinAsNobody(), 0);
     errno = E2BIG;
-    EXPECT_EQ(kv_pinThreadExclusiveCpu(1), 0);
 }
 
 TEST_F(Pinning, PassesOverThreadsThatEndMeanwhile) {
