@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstring>
 #include <string_view>
@@ -11,6 +13,7 @@ namespace {
 
 constexpr const char* kExecutableLink = "/proc/self/exe";
 constexpr const char* kBinDirectory = "/bin/";
+constexpr std::size_t kMaxLinkSize = INT_MAX;  // the kernel takes a larger size for a negative one
 constexpr std::string_view kConfigBaseDirectory = "/usr/kelvaro";
 
 }  // namespace
@@ -39,7 +42,7 @@ void kv_fullFile(int nParts, char* path, ...) {
 void kv_setDriveLetter(char /*driveLetter*/) {}
 
 int kv_getModelBaseDir(char* outPath, uint32_t maxLen) {
-    const std::size_t limit = maxLen == 0 ? 0 : maxLen - 1;
+    const std::size_t limit = maxLen == 0 ? 0 : std::min<std::size_t>(maxLen - 1, kMaxLinkSize);
     const ssize_t length = ::readlink(kExecutableLink, outPath, limit);
     if (length < 0) {
         kv::setErrorText("Could not read the process exefile");

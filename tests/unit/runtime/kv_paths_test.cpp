@@ -1,5 +1,7 @@
 #include <array>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
@@ -56,7 +58,9 @@ TEST(Paths, FindTheApplicationAboveTheFirstBinDirectoryOfItsExecutable) {
     const kv::test::TemporaryFolder folder;
     const std::string app = folder.path() / "app";
     const std::string model = app + "/bin/x/bin/model";
-    EXPECT_EQ(baseDirectoryOf(model, 4096), "0|" + app + "|");
+    for (const std::size_t enough : {4096U, INT_MAX + 2U, UINT32_MAX}) {
+        EXPECT_EQ(baseDirectoryOf(model, enough), "0|" + app + "|") << enough;
+    }
     EXPECT_EQ(baseDirectoryOf(app + "/binary/model", 4096), "-1|" + app + "/binary/model|");
 
     const std::size_t upToBin = app.size() + 5;
