@@ -1,11 +1,15 @@
 #include "network/kv_ethernet_devices.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <dirent.h>
+#include <set>
 #include <tuple>
 
 #include <kv/diagnostics.h>
 
+#include "os/directory.h"
 #include "os/sd_device.h"
 
 namespace {
@@ -16,6 +20,7 @@ using kv::utils::formatString;
 constexpr uint32_t kEthernetClassCode = 0x020000;
 constexpr uint32_t kBridgeHeaderType = 1;
 constexpr const char* kNetSubsystem = "net";
+constexpr const char* kInterfacesFolder = "/sys/class/net";
 constexpr const char* kPlatformEthernet = ".ethernet";
 
 /**
@@ -48,6 +53,34 @@ const char* platformInterfaceName(sd_device* device) {
         return nullptr;
     }
     return text;
+}
+
+/** Names of network interfaces. */
+using Interfaces = std::set<std::string>;
+
+/**
+ * Whether a list has every interface of the machine, which libsystemd does not tell: it reports an
+ * enumeration that failed as one that found nothing. Logs what is not so.
+ */
+bool isComplete(const Interfaces& found) {
+    const kv::os::DirectoryPtr folder = kv::os::openDirectory(kInterfacesFolder);
+    if (!folder && errno == ENOENT) {
+        return true;  // a kernel without network
+    }
+    errno = folder ? 0 : errno;
+    while (const dirent* entry = folder ? ::readdir(folder.get()) : nullptr) {
+        const bool isInterface = entry->d_name[0] != '.' && entry->d_type != DT_REG;
+        if (isInterface && !found.contains(entry->d_name)) {
+            kv_printf(kv_error, "Error enumerating network devices: %s is missing\n", entry->d_name);
+            return false;
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        kv_printf(kv_error, "Error reading %s: %s\n", kInterfacesFolder, std::strerror(errno));
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -108,8 +141,12 @@ int appendAxiEthInterfaces(std::string& ethStr) {
         kv_printf(kv_error, "Error trying to set the enumerator filter to net: %s\n", std::strerror(-result));
         return -1;
     }
+    Interfaces found;
     for (sd_device* device = sd_device_enumerator_get_device_first(enumerator.get()); device != nullptr;
          device = sd_device_enumerator_get_device_next(enumerator.get())) {
+        if (const char* name = nullptr; sd_device_get_sysname(device, &name) >= 0) {
+            found.insert(name);
+        }
         const char* name = platformInterfaceName(device);
         if (name == nullptr) {
             kv_printf(kv_error, "Failed to find interface name\n");
@@ -118,6 +155,10 @@ int appendAxiEthInterfaces(std::string& ethStr) {
         if (name[0] != '\0') {
             ethStr += formatString("%s:-1:Onboard;", name);
         }
+    }
+    if (!isComplete(found)) {
+        kv_printf(kv_error, "Failed to find interface name\n");
+        return -1;
     }
     return 0;
 }

@@ -1,6 +1,12 @@
-#include <cstdio>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
+#include <fcntl.h>
 #include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <kv/diagnostics.h>
 #include <kv/network.h>
@@ -11,23 +17,66 @@
 #include "network/kv_ethernet_labels.h"
 #include "network/kv_host_link.h"
 #include "os/cancellation.h"
+#include "os/unique_fd.h"
 
 namespace {
 
 constexpr const char* kSystemInformationFolder = "/usr/kelvaro/sysinfo";
+constexpr mode_t kFileMode = 0666;
+
+/** @return 0 or an error number */
+int writeAll(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = ::write(fd, text.data(), text.size());
+        if (count < 0 && errno != EINTR) {
+            return errno;
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max(count, ssize_t{0})));
+    }
+    return 0;
+}
+
+/**
+ * Makes a text all that a file holds, in the file's place on the disk: readers that have it open see the new
+ * text. Room is reserved first, so where the disk is full the file stays as it was.
+ *
+ * @return 0 or an error number
+ */
+int replaceText(int fd, const std::string& text) {
+    const auto size = static_cast<off_t>(text.size());
+    struct stat before {};
+    if (::fstat(fd, &before) != 0) {
+        return errno;
+    }
+    if (const int error = size == 0 ? 0 : ::posix_fallocate(fd, 0, size); error != 0) {
+        (void)!::ftruncate(fd, before.st_size);  // what was reserved goes
+        return error;
+    }
+    if (const int error = writeAll(fd, text); error != 0) {
+        return error;
+    }
+    return ::ftruncate(fd, size) == 0 ? 0 : errno;
+}
 
 int writeTranslationFile(const std::string& ethStr) {
     if (kv_fs_ensureDirExists(kSystemInformationFolder) != 0) {
         kv_printf(kv_error, "Failed to create directory: /usr/kelvaro/sysinfo\n");
         return -1;
     }
-    std::FILE* file = std::fopen(kEthTranslateFile, "w+");
-    if (file == nullptr) {
+    const bool isNew = kv_doesFsNodeExist(kEthTranslateFile);  // true where it does not
+    const kv::os::UniqueFd file(::open(kEthTranslateFile, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    if (!file) {
         kv_printf(kv_error, "Failed to create file: %s\n", kEthTranslateFile);
         return -1;
     }
-    (void)std::fputs(ethStr.c_str(), file);  // what the disk does not take is not examined
-    std::fclose(file);
+    if (const int error = replaceText(file.get(), ethStr); error != 0) {
+        kv_printf(kv_error, "Failed to write file: %s: %s\n", kEthTranslateFile, std::strerror(error));
+        if (isNew) {
+            (void)::unlink(
+                kEthTranslateFile);  // an empty one would be taken for a machine without interfaces
+        }
+        return -1;
+    }
     return 0;
 }
 

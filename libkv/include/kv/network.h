@@ -33,10 +33,14 @@ KV_BEGIN_DECLS
 
 /**
  * Writes the translation file, and its folder where there is none. Two I/O modules, NMJ and NMK, have no
- * entries. A reader may see the file half written.
+ * entries. A file that is there is written over in its place, so a reader may see it half written.
  *
- * @return 0, also where the disk takes only part of the text; -1 when PCI, a device or the file cannot be
- * accessed. The file then stays as it was.
+ * The chip's own interfaces come from libsystemd's sd-device, and are complete: each name in /sys/class/net
+ * must be among the devices found there. An interface that udev has not marked as ready is not. A PCI
+ * controller whose interface cannot be found has an entry without one.
+ *
+ * @return 0; -1 when PCI, a device or the file cannot be accessed, an interface is not ready, or the disk is
+ * full. The file then stays as it was; one that was missing still is.
  */
 KV_EXPORT int kv_translateEthernetInterfaces(void);
 

@@ -1,4 +1,8 @@
+#include <sys/mount.h>
+#include <sys/resource.h>
+
 #include "network_machine.h"
+#include "os/unique_fd.h"
 
 using kv::test::debug;
 using kv::test::error;
@@ -113,6 +117,68 @@ TEST_F(Translation, FailsWhereTheFileCannotBeMade) {
     EXPECT_EQ(kv_translateEthernetInterfaces(), -1);
     EXPECT_THAT(log_.take(), Contains(error("Failed to create directory: /usr/kelvaro/sysinfo")));
     EXPECT_EQ(openFiles(), before);
+}
+
+TEST_F(Translation, LeavesTheFileAsItWasWhereTheDiskIsFull) {
+    addPlatformInterface("axi/ff0e0000.ethernet", "end0");
+    ENTER_MACHINE(machine_);
+    const std::string folder = "/usr/kelvaro/sysinfo";
+    const std::string page(4096, 'x');
+    const auto full = error("Failed to write file: " + kTranslationFile + ": No space left on device");
+    ASSERT_EQ(::mount("full", folder.c_str(), "tmpfs", 0, "size=8k"), 0);
+    Machine::write(folder + "/other", page);
+    const auto before = openFiles();
+
+    Machine::write(folder + "/more", page);
+    EXPECT_EQ(kv_translateEthernetInterfaces(), -1);
+    EXPECT_EQ(log_.take().back(), full);
+    EXPECT_FALSE(std::filesystem::exists(kTranslationFile));
+    Machine::write(kTranslationFile, "");
+    EXPECT_EQ(kv_translateEthernetInterfaces(), -1);
+    EXPECT_EQ(log_.take().back(), full);
+    EXPECT_EQ(Machine::read(kTranslationFile), "");
+
+    Machine::remove(folder + "/more");
+    for (const std::string& old : {std::string("old"), std::string(1000, 'o')}) {
+        Machine::write(kTranslationFile, old);
+        const std::filesystem::path hardLink = folder + "/same";
+        std::filesystem::create_hard_link(kTranslationFile, hardLink);
+        expectFile("end0:-1:Hostlink;");
+        EXPECT_EQ(Machine::read(hardLink), "end0:-1:Hostlink;") << "the file keeps its place";
+        Machine::remove(hardLink);
+    }
+    EXPECT_EQ(openFiles(), before);
+    Machine::remove(folder + "/other");
+    ASSERT_EQ(::umount(folder.c_str()), 0);
+}
+
+TEST_F(Translation, IsWholeOrFailsWithHoweverFewDescriptors) {
+    addPlatformInterface("axi/ff0e0000.ethernet", "end0");
+    addPlatformInterface("axi/ff0f0000.ethernet", "end1");
+    addController(0, 0x1533, 9).networkInterface("eth0");
+    ENTER_MACHINE(machine_);
+    Machine::write("/sys/class/net/bonding_masters", "");  // no interface
+    rlimit former{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
+    const int lowest = kv::os::openFile("/", O_RDONLY).get();
+    int left = 0;
+    for (int result = -1; result != 0 && left < 20; ++left) {
+        Machine::write(kTranslationFile, "as it was");
+        const rlimit few{static_cast<rlim_t>(lowest + left), former.rlim_max};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+        (void)log_.take();
+        result = kv_translateEthernetInterfaces();
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
+        const std::string text = Machine::read(kTranslationFile);
+        if (result == 0) {
+            EXPECT_THAT(text, testing::MatchesRegex("end0:-1:Hostlink;end1:-1:ETH1;(eth0)?:0:ETH2;")) << left;
+        } else {
+            EXPECT_EQ(text, "as it was") << left;
+            EXPECT_THAT(log_.take(), testing::Not(testing::IsEmpty())) << left;
+        }
+    }
+    EXPECT_GT(left, 3);
+    EXPECT_LT(left, 20);
 }
 
 }  // namespace
