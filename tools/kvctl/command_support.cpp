@@ -6,16 +6,25 @@
 #include <fstream>
 #include <iostream>
 
+#include <boost/locale/utf.hpp>
+
+#include <kv/diagnostics.h>
+
 namespace kvctl {
 
 namespace {
 
 constexpr std::size_t kColumnGap = 2;
 
+bool isPrintable(boost::locale::utf::code_point character) {
+    const bool isControl = character < 0x20 || (character >= 0x7F && character < 0xA0);
+    return !isControl && boost::locale::utf::is_valid_codepoint(character);
+}
+
 }  // namespace
 
 void Problems::report(const std::string& what, const std::string& reason) {
-    std::cerr << "kvctl: " << what << ": " << reason << '\n';
+    std::cerr << "kvctl: " << printable(what) << ": " << printable(reason) << '\n';
     any_ = true;
 }
 
@@ -51,8 +60,25 @@ void printJson(const Json& value) {
     std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
-void printColumns(const std::vector<std::vector<std::string>>& rows) {
+std::string printable(std::string_view text) {
+    std::string shown;
+    for (const char* next = text.begin(); next != text.end();) {
+        const char* const begin = next;
+        const auto character = boost::locale::utf::utf_traits<char>::decode(next, text.end());
+        for (const char byte : std::string_view(begin, next)) {
+            shown += isPrintable(character)
+                         ? std::string(1, byte)
+                         : kv::utils::formatString("\\x%02X", static_cast<unsigned char>(byte));
+        }
+    }
+    return shown;
+}
+
+void printColumns(Rows rows) {
     std::vector<std::size_t> widths;
+    for (auto& row : rows) {
+        std::ranges::transform(row, row.begin(), printable);
+    }
     for (const auto& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
         for (std::size_t i = 0; i < row.size(); ++i) {

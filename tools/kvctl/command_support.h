@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -37,8 +38,16 @@ std::shared_ptr<const bool> addJsonFlag(command_line::Command& command);
 /** Prints JSON for programs; what is no UTF-8 in it is replaced. */
 void printJson(const Json& value);
 
-/** Prints rows of cells in columns. */
-void printColumns(const std::vector<std::vector<std::string>>& rows);
+/**
+ * A text of the machine's files as people may see it: what a terminal would obey, and what is not UTF-8, is
+ * written as "\xNN", a byte each.
+ */
+std::string printable(std::string_view text);
+
+using Rows = std::vector<std::vector<std::string>>;
+
+/** Prints rows of cells in columns, each cell as printable() gives it. */
+void printColumns(Rows rows);
 
 /** What JSON holds where a value may be missing. */
 template <typename Value>

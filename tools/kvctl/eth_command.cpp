@@ -97,7 +97,7 @@ Json toJson(const std::vector<Port>& ports) {
 }
 
 void print(const std::vector<Port>& ports) {
-    std::vector<std::vector<std::string>> rows = {{"label", "interface", "index", "PCI", "MAC"}};
+    Rows rows = {{"label", "interface", "index", "PCI", "MAC"}};
     for (const Port& port : ports) {
         const Entry& entry = port.entry;
         rows.push_back({entry.label, entry.interface.empty() ? "-" : entry.interface,

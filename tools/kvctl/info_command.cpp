@@ -40,7 +40,7 @@ struct Information {
 };
 
 std::optional<int> unlessMissing(int serialNumber) {
-    return serialNumber < 0 ? std::nullopt : std::optional(serialNumber);
+    return serialNumber == -1 ? std::nullopt : std::optional(serialNumber);
 }
 
 SerialNumbers readSerialNumbers(Problems& problems) {

@@ -63,7 +63,7 @@ void printTree(Nodes nodes, const std::string& indent, Names& names) {
         std::cout << indent << (last ? "└─ " : "├─ ") << addressOf(node)
                   << formatString("  %04x:%04x  %-8s  ", node.VID, node.DID, node.interfaceType)
                   << (bridge != nullptr ? formatString("bridge to bus %02x", bridge->sec)
-                                        : names.describe(node));
+                                        : printable(names.describe(node)));
         std::cout << '\n';
         printTree(childrenOf(node), indent + (last ? "   " : "│  "), names);
     }

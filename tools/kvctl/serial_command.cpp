@@ -2,6 +2,7 @@
 
 #include <array>
 #include <filesystem>
+#include <stdexcept>
 
 #include <kv/pci.h>
 #include <kv/serial.h>
@@ -74,17 +75,23 @@ void addCardPorts(const kv_topo_node& card, std::vector<Port>& ports, Problems& 
     const auto find = [&](int number) {
         return kv_findSerialDeviceByPci(&place, number, node.data(), node.size());
     };
-    int number = 0;
-    int result = find(number);
-    for (; result == 0; result = find(number)) {
-        Port port{.number = number++, .pciAddress = addressOf(card)};
-        setNode(port, node.data(), problems);
-        ports.push_back(port);
-    }
-    if (number == 0 || result != kNoSuchPort) {
-        problems.report("/sys/bus/pci/devices/0000:" + addressOf(card),
-                        kCardFailures.at(static_cast<std::size_t>(-1 - result)));
+    const auto giveUp = [&](const char* reason) {
+        problems.report("/sys/bus/pci/devices/0000:" + addressOf(card), reason);
         ports.push_back({.pciAddress = addressOf(card)});
+    };
+    try {
+        int number = 0;
+        int result = find(number);
+        for (; result == 0; result = find(number)) {
+            Port port{.number = number++, .pciAddress = addressOf(card)};
+            setNode(port, node.data(), problems);
+            ports.push_back(port);
+        }
+        if (number == 0 || result != kNoSuchPort) {
+            giveUp(kCardFailures.at(static_cast<std::size_t>(-1 - result)));
+        }
+    } catch (const std::out_of_range&) {
+        giveUp("the number in a port's name is too large");
     }
 }
 
@@ -128,7 +135,7 @@ Json toJson(const std::vector<Port>& ports) {
 }
 
 void print(const std::vector<Port>& ports) {
-    std::vector<std::vector<std::string>> rows = {{"hardware", "port", "node", "state"}};
+    Rows rows = {{"hardware", "port", "node", "state"}};
     for (const Port& port : ports) {
         rows.push_back({port.uart ? "UART " + uartText(*port.uart) : "PCI " + *port.pciAddress,
                         port.number ? std::to_string(*port.number) : "-", port.node.value_or("-"),

@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <sys/mount.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -104,6 +105,12 @@ TEST(KvctlEth, NamesTheFileThatIsMissingOrCannotBeWritten) {
     EXPECT_THAT(failed.output, HasSubstr("KV: Failed to create file: " + kFile));
     EXPECT_THAT(failed.output, EndsWith(kError + "not written, for the reason in the library's log\n"));
     EXPECT_EQ(kvctlJson("eth --write"), json::array());
+
+    ASSERT_EQ(::mount("full", "/usr/kelvaro/sysinfo", "tmpfs", 0, "size=4k"), 0);
+    Machine::write("/usr/kelvaro/sysinfo/other", std::string(4096, 'x'));
+    const Outcome full = kvctl("eth --write");
+    EXPECT_EQ(full.status, 1);
+    EXPECT_THAT(full.output, HasSubstr("No space left on device"));
 }
 
 }  // namespace

@@ -47,8 +47,26 @@ TEST(KvctlInfo, DescribesTheMachineForPrograms) {
         "libraryVersion": "2.4.1",
         "screenLines": ["<white>Kelvaro Ember real-time target machine SN i17</white>",
                         "<white>2.4.1</white>"]})"));
-    Machine::write(kSerialNumberFile, "s77\n");
-    EXPECT_EQ(kvctlJson("info")["serialNumbers"]["supplier"], 77);
+    for (const auto& [record, supplier] :
+         {std::pair("s77\n", 77), std::pair("s-5\n", -5), std::pair("s3000000000", -1294967296)}) {
+        Machine::write(kSerialNumberFile, record);
+        EXPECT_EQ(kvctlJson("info")["serialNumbers"]["supplier"], supplier) << "as the screen shows it";
+    }
+}
+
+TEST(KvctlInfo, ShowsNothingThatATerminalObeys) {
+    Machine machine = kv::test::machineNamed("bare");
+    ENTER_MACHINE(machine);
+    const std::string hostile("2\x1b[2J\x9b\xc2\x9b\r\0\t\x7f\xc3\xb6\xe2\x82", 16);
+    const std::string shown = "2\\x1B[2J\\x9B\\xC2\\x9B\\x0D\\x00\\x09\\x7F\xc3\xb6\\xE2\\x82\n";
+    Machine::write(kVersionFile, hostile);
+    EXPECT_THAT(kvctl("info").output, testing::EndsWith("               " + shown))
+        << "second line of the screen";
+    Machine::write("/usr/kelvaro/sysinfo/ethTranslateFile.txt", "e\x1b:0:L\a;");
+    EXPECT_EQ(kvctl("eth").output,
+              "kvctl: /sys/class/net/e\\x1B/address: No such file or directory\n"
+              "label  interface  index  PCI  MAC\n"
+              "L\\x07  e\\x1B      0      -    -\n");
 }
 
 TEST(KvctlInfo, NamesEachFileThatIsMissingAndShowsTheRest) {

@@ -45,6 +45,24 @@ TEST(KvctlSerial, ShowsThePortsOfACardInTheOrderOfTheirNumbers) {
     }
 }
 
+TEST(KvctlSerial, ShowsTheOtherCardsBesideOneWithAnOddPort) {
+    Machine machine;
+    for (const auto& [slot, port] : {std::pair(3, "ttyRP0"), {4, "ttyRP99999999999"}, {5, "ttyRP1"}}) {
+        machine.addPciFunction({.slot = static_cast<uint8_t>(slot), .vendor = 0x11fe, .classCode = 0x070002})
+            .serialPort(port)
+            .serialPort("ttyRP" + std::to_string(slot));
+    }
+    ENTER_MACHINE(machine);
+    const Outcome shown = kvctl("serial");
+    EXPECT_EQ(shown.status, 1);
+    EXPECT_THAT(shown.output,
+                testing::HasSubstr("kvctl: /sys/bus/pci/devices/0000:00:04.0: the number in a port's "
+                                   "name is too large\n"));
+    EXPECT_THAT(shown.output, testing::HasSubstr("PCI 00:03.0      0     /dev/ttyRP0  "));
+    EXPECT_THAT(shown.output, testing::HasSubstr("PCI 00:04.0      -     -            not found\n"));
+    EXPECT_THAT(shown.output, testing::HasSubstr("PCI 00:05.0      0     /dev/ttyRP1  "));
+}
+
 TEST(KvctlSerial, TellsWhatIsMissing) {
     Machine machine;
     machine.addPlatformDevice(
