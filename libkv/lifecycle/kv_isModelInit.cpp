@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <new>
 #include <string>
@@ -16,13 +17,14 @@
 
 #include "diagnostics/kv_error_text.h"
 #include "os/cancellation.h"
+#include "os/trusted_file.h"
 
 namespace {
 
 using kv::setErrorText;
 
 constexpr const char* kTagFolder = "/tmp/kelvaro";
-constexpr const char* kTagFile = "/tmp/kelvaro/model_uuid";
+constexpr const char* kTagFile = "model_uuid";
 constexpr const char* kExecutableLink = "/proc/self/exe";
 constexpr mode_t kTagFolderMode = 0777;
 constexpr std::size_t kExecutablePathSize = 200;
@@ -50,6 +52,20 @@ struct LockedFileDeleter {
     }
 };
 using LockedFilePtr = std::unique_ptr<std::FILE, LockedFileDeleter>;
+
+/**
+ * Opens the tag file, whose folder lies where every user may write.
+ *
+ * @return null, with the reason in errno, also for what another user may have put there
+ */
+FilePtr openTag(int flags, const char* mode) {
+    kv::os::UniqueFd opened = kv::os::openTrustedFile(kTagFolder, kTagFile, flags);
+    FilePtr file(opened ? ::fdopen(opened.get(), mode) : nullptr);
+    if (file) {
+        (void)opened.release();  // the stream closes it
+    }
+    return file;
+}
 
 using Line = std::array<char, 200>;
 
@@ -103,7 +119,7 @@ bool getChecksumPath(std::string& uuidPath) {
 
 /** Whether another model than this one ran last, as far as the files tell. */
 bool isFirstModelRun() try {
-    FilePtr tagFile(std::fopen(kTagFile, "r"));
+    FilePtr tagFile = openTag(O_RDONLY, "r");
     if (!tagFile) {
         return true;
     }
@@ -136,8 +152,8 @@ int updateTag(const std::string& checksumPath, LockedFilePtr& tagFile) {
         return 0;
     }
     kv_printf(kv_debug, "Tag model run: Checksum mismatch. Replacing checksum\n");
-    tagFile.reset(std::freopen(kTagFile, "w", tagFile.release()));
-    if (!tagFile) {
+    std::rewind(tagFile.get());
+    if (::ftruncate(::fileno(tagFile.get()), 0) != 0) {
         kv_printf(kv_info, "Tag model run: Failed to open checksum file for writing: %s\n",
                   std::strerror(errno));
         return 1;
@@ -196,7 +212,7 @@ int kv_tagModelRun(void) try {
         return 0;
     }
     (void)::mkdir(kTagFolder, kTagFolderMode);  // without the folder, opening the file tells why
-    FilePtr opened(std::fopen(kTagFile, "a+"));
+    FilePtr opened = openTag(O_RDWR | O_APPEND | O_CREAT, "a+");
     if (!opened) {
         kv_printf(kv_info, "Tag model run: Failed to open/create checksum file: %s\n", std::strerror(errno));
         return 1;

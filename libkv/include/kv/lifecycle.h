@@ -19,8 +19,8 @@ KV_BEGIN_DECLS
  * A model is the executable APP/bin/NAME; the first line of APP/misc/UUID, up to 199 characters, identifies
  * it. At exit that line is copied to /tmp/kelvaro/model_uuid. A start that finds its own line there is a
  * model run: the same model has run since the machine started. Every other start is a model load, also when
- * either file cannot be read, and frees persistent memory. What the files held at the first check holds for
- * the process.
+ * either file cannot be read, and frees persistent memory. The first check holds for the process. A tag that
+ * is a link, no regular file, or, as its folder, of another user than root and the effective one is not used.
  * @{
  */
 

@@ -1,5 +1,8 @@
 #include <filesystem>
+#include <functional>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "model_application.h"
 
@@ -82,19 +85,53 @@ TEST_F(ModelRun, IsALoadWhereTheTagCannotBeRead) {
                 IsSupersetOf({"debug KV: Failed to read old checksum file: Success", "first 1"}));
     EXPECT_EQ(Machine::read(kTagFile), "1234\n");
 
-    Machine::replaceByFolder(kTagFile);
-    EXPECT_THAT(start("init first tag tag"),
-                IsSupersetOf({"debug KV: Failed to read old checksum file: Is a directory", "first 1",
-                              "info KV: Tag model run: Failed to open/create checksum file: Is a directory",
-                              "tagged 1", "tagged 1"}));
-
-    std::filesystem::remove(kTagFile);
-    std::filesystem::create_symlink("/dev/full", kTagFile);
+    ASSERT_EQ(::mount("full", "/tmp/kelvaro", "tmpfs", 0, "size=4k"), 0);
+    Machine::write("/tmp/kelvaro/other", std::string(4096, 'x'));
     EXPECT_THAT(
         start("init first tag"),
         IsSupersetOf({"first 1",
                       "info KV: Tag model run: Failed to write checksum file: No space left on device",
                       "tagged 1"}));
+    ASSERT_EQ(::umount("/tmp/kelvaro"), 0);
+}
+
+TEST_F(ModelRun, IsALoadWhereAnotherUserMayHavePutTheTag) {
+    ::alarm(60);
+    setUuid("1234\n");
+    const std::string folder = "/tmp/kelvaro";
+    const std::string victim = "/tmp/victim/model_uuid";
+    const struct {
+        std::function<bool()> setUp;
+        const char* reason;
+    } cases[] = {
+        {[] { return ::mkdir(kTagFile, 0755) == 0; }, "Is a directory"},
+        {[] { return ::mkfifo(kTagFile, 0666) == 0; }, "Invalid argument"},
+        {[&] { return ::symlink(victim.c_str(), kTagFile) == 0; }, "Too many levels of symbolic links"},
+        {[&] { return ::link(victim.c_str(), kTagFile) == 0; }, "Too many links"},
+        {[&] { return ::rmdir(folder.c_str()) == 0 && ::symlink("victim", folder.c_str()) == 0; },
+         "Not a directory"},
+        {[&] { return ::rename(victim.c_str(), kTagFile) == 0 && ::chown(kTagFile, 1000, 1000) == 0; },
+         "Operation not permitted"},
+        {[&] { return ::rename(victim.c_str(), kTagFile) == 0 && ::chown(folder.c_str(), 1000, 1000) == 0; },
+         "Operation not permitted"},
+    };
+    for (const auto& each : cases) {
+        Machine::remove(folder);
+        std::filesystem::create_directory(folder);
+        Machine::write(victim, "1234\n");
+        if (!each.setUp()) {
+            continue;  // only root gives files away
+        }
+        setUuid("5678\n");
+        EXPECT_THAT(start("tag"), IsSupersetOf({std::string("info KV: Tag model run: Failed to open/create "
+                                                            "checksum file: ") +
+                                                    each.reason,
+                                                std::string("tagged 1")}));
+        setUuid("1234\n");
+        EXPECT_THAT(start("init first"), Contains("first 1")) << each.reason << ": the tag is not read";
+        const bool isMoved = !std::filesystem::exists(victim);
+        EXPECT_EQ(Machine::read(isMoved ? kTagFile : victim), "1234\n") << each.reason;
+    }
 }
 
 TEST_F(ModelRun, IsALoadWhereTheModelHasNoIdentity) {
