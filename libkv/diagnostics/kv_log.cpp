@@ -1,16 +1,17 @@
 #include <array>
-#include <cstdio>
 #include <ctime>
-#include <memory>
 #include <new>
+#include <string>
 
 #include <kv/diagnostics.h>
 
 #include "os/cancellation.h"
+#include "os/trusted_file.h"
 
 namespace {
 
-constexpr const char* kLogFile = "/home/brvn/logs/kvlog.log";
+constexpr const char* kLogFolder = "/home/brvn/logs";
+constexpr const char* kLogFile = "kvlog.log";
 constexpr std::array kSeverityNames = {"trace", "debug", "info", "warning", "error"};
 
 std::array<char, 30> localTimeText() {
@@ -25,12 +26,15 @@ std::array<char, 30> localTimeText() {
 
 /** Appends a line. Where the file can only be opened for writing it is created, but the line is lost. */
 void appendLine(const std::string& line) {
-    using FilePtr = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
-    if (const FilePtr file(std::fopen(kLogFile, "a"), std::fclose); file) {
-        std::fputs(line.c_str(), file.get());
+    using kv::os::openTrustedFile;
+    using kv::os::UniqueFd;
+    if (const UniqueFd file = openTrustedFile(kLogFolder, kLogFile, O_WRONLY | O_APPEND | O_CREAT)) {
+        (void)!::write(file.get(), line.data(), line.size());  // what a full disk does not take is lost
         return;
     }
-    const FilePtr created(std::fopen(kLogFile, "w"), std::fclose);
+    if (const UniqueFd created = openTrustedFile(kLogFolder, kLogFile, O_WRONLY | O_CREAT)) {
+        (void)!::ftruncate(created.get(), 0);
+    }
 }
 
 }  // namespace

@@ -1,6 +1,10 @@
+#include <filesystem>
+#include <functional>
 #include <kvsim/machine.h>
 #include <regex>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -37,6 +41,32 @@ TEST(KvLog, LosesTheLineQuietlyWhereTheFileCannotBeOpened) {
     kvsim::Machine::remove("/home/brvn/logs");
     kv_log(kv_error, "lost");
     EXPECT_ANY_THROW(kvsim::Machine::read(kLogFile));
+}
+
+TEST(KvLog, WritesToNoFileThatAnotherUserMayHavePutThere) {
+    ::alarm(20);
+    kvsim::Machine machine;
+    ENTER_MACHINE(machine);
+    const std::string folder = "/home/brvn/logs";
+    const std::string victim = "/home/brvn/victim/kvlog.log";
+    const std::function<bool()> setUps[] = {
+        [&] { return ::symlink(victim.c_str(), kLogFile) == 0; },
+        [&] { return ::link(victim.c_str(), kLogFile) == 0; },
+        [&] { return ::mkfifo(kLogFile, 0666) == 0; },
+        [&] { return ::rename(victim.c_str(), kLogFile) == 0 && ::chown(kLogFile, 1000, 1000) == 0; },
+        [&] { return ::rename(victim.c_str(), kLogFile) == 0 && ::chown(folder.c_str(), 1000, 1000) == 0; },
+        [&] { return ::rmdir(folder.c_str()) == 0 && ::symlink("victim", folder.c_str()) == 0; },
+    };
+    for (const auto& setUp : setUps) {
+        kvsim::Machine::remove(folder);
+        std::filesystem::create_directory(folder);
+        kvsim::Machine::write(victim, "untouched");
+        if (setUp()) {  // only root gives files away
+            kv_log(kv_error, "to nobody");
+            const bool isMoved = !std::filesystem::exists(victim);
+            EXPECT_EQ(kvsim::Machine::read(isMoved ? kLogFile : victim), "untouched") << &setUp - setUps;
+        }
+    }
 }
 
 }  // namespace
