@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <exception>
 #include <fcntl.h>
+#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,6 +58,23 @@ bool isWritableDirectory(const std::filesystem::path& path) {
            faccessat(AT_FDCWD, path.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
 }
 
+bool isOurs(const struct stat& status) {
+    return status.st_uid == 0 || status.st_uid == geteuid();
+}
+
+/** Throws where another user could lead the log to a file of their choice. */
+void refuseForeign(const std::string& directory, const std::string& file) {
+    struct stat status {};
+    if (lstat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || !isOurs(status) ||
+        (status.st_mode & S_IWOTH) != 0) {
+        throw std::runtime_error("the folder is a link, or another user may write to it");
+    }
+    const bool exists = lstat(file.c_str(), &status) == 0;
+    if (exists && (!S_ISREG(status.st_mode) || !isOurs(status) || status.st_nlink > 1)) {
+        throw std::runtime_error(file + " is a link, or belongs to another user");
+    }
+}
+
 }  // namespace
 
 bool parseLogThreshold(std::string_view name, LogThreshold& threshold) {
@@ -89,8 +107,10 @@ void addFileSink(const RotatingLogFile& file) {
         return;
     }
     const std::string directory = file.directory.string();
+    const std::string path = directory + "/brevane.log";
+    refuseForeign(directory, path);
     auto backend = boost::make_shared<sinks::text_file_backend>(
-        keywords::file_name = directory + "/brevane.log", keywords::target_file_name = "brevane.%5N.log",
+        keywords::file_name = path, keywords::target_file_name = "brevane.%5N.log",
         keywords::open_mode = std::ios::app, keywords::rotation_size = file.maxBytes,
         keywords::enable_final_rotation = false, keywords::auto_flush = true,
         keywords::auto_newline_mode = sinks::disabled_auto_newline);

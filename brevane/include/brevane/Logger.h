@@ -25,8 +25,8 @@ class BREVANE_EXPORT Logger {
     static LoggerType& getLogger();
 
     /**
-     * Sends records to standard error and, where the directory /home/brvn/logs exists and may be written to,
-     * to the file brevane.log there, which is moved aside when it reaches 4 MiB; the last four are kept.
+     * Sends records to standard error and to brevane.log in /home/brvn/logs, where that may be written to
+     * and no other user can have put a link there. It is moved aside at 4 MiB; the last four are kept.
      *
      * Records below the level named by the environment variable BREVANE_LOG (trace, debug, info, warning,
      * error or fatal) are dropped, all of them with "off"; without the variable those below @p defaultLevel.

@@ -3,9 +3,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <pthread.h>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/log/sources/record_ostream.hpp>
@@ -14,7 +17,10 @@
 
 #include <brevane/Logger.h>
 
+#include "process.h"
+
 using brevane::addFileSink;
+using brevane::test::kNobody;
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -96,6 +102,31 @@ TEST_F(LogFile, GoesOnWhenWritingThreadsAreCancelled) {
     }
     write("KV: still here");
     EXPECT_THAT(contentOf(directory_ / "brevane.log"), EndsWith("KV: still here\n"));
+}
+
+TEST_F(LogFile, IsNotKeptWhereAnotherUserMayHaveLedItElsewhere) {
+    leave("victim", "untouched");
+    const fs::path folder = directory_ / "logs";
+    const fs::path log = folder / "brevane.log";
+    const fs::path victim = directory_ / "victim";
+    const std::function<bool()> setUps[] = {
+        [&] { return fs::create_symlink(victim, log), true; },
+        [&] { return fs::create_hard_link(victim, log), true; },
+        [&] { return mkfifo(log.c_str(), 0666) == 0; },
+        [&] { return chmod(folder.c_str(), 0777) == 0; },
+        [&] { return chown(folder.c_str(), kNobody, kNobody) == 0; },
+        [&] { return std::ofstream(log) && chown(log.c_str(), kNobody, kNobody) == 0; },
+        [&] { return fs::remove(folder), fs::create_directory_symlink(directory_, folder), true; },
+    };
+    for (const auto& setUp : setUps) {
+        fs::remove_all(folder);
+        fs::create_directory(folder);
+        if (setUp()) {  // only root gives files away
+            EXPECT_THROW(addFileSink({folder, 1000, 2}), std::runtime_error) << &setUp - setUps;
+        }
+    }
+    write("KV: nowhere");
+    EXPECT_EQ(contentOf(victim), "untouched");
 }
 
 TEST_F(LogFile, IsDoneWithoutWhereTheDirectoryIsMissingOrGone) {
