@@ -168,8 +168,7 @@ KV_EXPORT int kv_pinThisThreadToCpu(int cpu);
 KV_EXPORT int kv_pickNextAsyncCpu(void);
 
 /**
- * Pins the calling thread to one processor and moves every other thread of the process off it, with root
- * rights where the process may have them.
+ * Pins the calling thread to one processor and moves every other thread of the process, of any user, off it.
  *
  * When one of the others may run on that processor only, nothing is moved. Threads started later inherit the
  * affinity of their creator.
