@@ -24,6 +24,15 @@ namespace {
 constexpr const char* kSystemInformationFolder = "/usr/kelvaro/sysinfo";
 constexpr mode_t kFileMode = 0666;
 
+/** Reserves room for the first bytes of a file, at least one. @return 0 or an error number */
+int reserve(int fd, off_t size) {
+    int error = EINTR;
+    while (error == EINTR) {
+        error = ::posix_fallocate(fd, 0, size);
+    }
+    return error;
+}
+
 /** @return 0 or an error number */
 int writeAll(int fd, std::string_view text) {
     while (!text.empty()) {
@@ -48,7 +57,7 @@ int replaceText(int fd, const std::string& text) {
     if (::fstat(fd, &before) != 0) {
         return errno;
     }
-    if (const int error = size == 0 ? 0 : ::posix_fallocate(fd, 0, size); error != 0) {
+    if (const int error = size == 0 ? 0 : reserve(fd, size); error != 0) {
         (void)!::ftruncate(fd, before.st_size);  // what was reserved goes
         return error;
     }
@@ -72,8 +81,7 @@ int writeTranslationFile(const std::string& ethStr) {
     if (const int error = replaceText(file.get(), ethStr); error != 0) {
         kv_printf(kv_error, "Failed to write file: %s: %s\n", kEthTranslateFile, std::strerror(error));
         if (isNew) {
-            (void)::unlink(
-                kEthTranslateFile);  // an empty one would be taken for a machine without interfaces
+            (void)::unlink(kEthTranslateFile);  // empty, it would stand for a machine without interfaces
         }
         return -1;
     }
