@@ -14,7 +14,8 @@
  *     -DKV_BLOCK_DESCRIPTOR_HEADER='"platform_block_descriptor.h"'
  *
  * The library and all driver blocks of one process must be compiled with the same definition: the layout is
- * not checked when they meet.
+ * not checked when they meet. The library's own build takes it as a CMake option of that name, and its CMake
+ * package and kv.pc give it to every project that uses them.
  */
 #ifndef KV_BLOCK_DESCRIPTOR_H
 #define KV_BLOCK_DESCRIPTOR_H
