@@ -1,16 +1,8 @@
 #include "kvsim/machine.h"
 
-#include <cstdlib>
-#include <optional>
 #include <utility>
 
-#include "active/active_machine.h"
-#include "host/installation.h"
-#include "host/machine_server.h"
-#include "host/private_mounts.h"
-#include "host/tree_writer.h"
-#include "layout/machine_layout.h"
-#include "layout/soc_layout.h"
+#include "host/machine_entry.h"
 
 namespace kvsim {
 
@@ -19,18 +11,6 @@ namespace {
 // A plain bridge, for a description that only cares where it leads.
 constexpr std::uint16_t kBridgeVendor = 0x10b5;
 constexpr std::uint16_t kBridgeDevice = 0x8605;
-
-constexpr const char* kDefaultPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
-
-/** Puts folders in front of those that a variable of the environment lists. */
-void prepend(std::string folders, const char* variable, const char* unlessSet) {
-    const char* const value = std::getenv(variable);
-    const std::string others = value == nullptr ? unlessSet : value;
-    if (!others.empty()) {  // an empty entry would be the current folder
-        folders += ":" + others;
-    }
-    ::setenv(variable, folders.c_str(), 1);
-}
 
 }  // namespace
 
@@ -166,22 +146,7 @@ Machine& Machine::keepStateIn(std::string folder) {
 }
 
 void Machine::enter() {
-    validate(description_);
-    FileTree tree = layOut(description_);
-    std::optional<MachineServer> server;
-    if (isActive(description_)) {
-        tree.addFolder(kActiveFolder);
-        server.emplace(description_);
-    }
-    enterPrivateMounts(stateFolder_);
-    writeTree(tree);
-    if (server) {
-        server->serve();
-    }
-    prepend(kCommandFolder, "PATH", kDefaultPath);
-    prepend(installationPrefix() / KVSIM_INSTALLED_LIBRARIES, "LD_LIBRARY_PATH", "");
-    // sd-device believes that a /sys which is not the kernel's is none.
-    ::setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 1);
+    enterMachine(description_, {.stateFolder = stateFolder_});
 }
 
 }  // namespace kvsim

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "host/private_mounts.h"
 #include "kvsim/machine.h"
 #include "layout/machine_layout.h"
 #include "os/unique_fd.h"
@@ -144,8 +145,12 @@ void Machine::write(const std::string& path, const std::string& text) {
 }
 
 void Machine::remove(const std::string& path) {
-    if (std::filesystem::remove_all(path) == 0) {
-        errno = ENOENT;
+    std::error_code error;
+    const std::uintmax_t count = std::filesystem::remove_all(path, error);
+    if (error == std::errc::device_or_resource_busy) {
+        hideFolder(path);
+    } else if (error || count == 0) {
+        errno = error ? error.value() : ENOENT;
         fail("remove", path);
     }
 }

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <sys/stat.h>
 
+#include "host/made_files.h"
 #include "layout/format.h"
 
 namespace kvsim {
@@ -270,6 +271,7 @@ void FileService::put(const std::string& path, std::shared_ptr<ActiveFile> file)
     ++nextNode_;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::filesystem::create_symlink(std::string(kActiveFolder) + "/" + name, path);
+    noteMadeFiles({path});
 }
 
 void FileService::remove(const std::string& path) {

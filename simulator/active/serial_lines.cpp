@@ -12,6 +12,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "host/made_files.h"
+
 namespace kvsim {
 
 namespace {
@@ -65,7 +67,9 @@ class FarSide {
         if (line_.farEnd == FarEnd::Capture) {
             capture(core.files);
         }
-        std::filesystem::create_symlink(line_.slavePath, "/dev/" + line_.port);
+        const std::string port = "/dev/" + line_.port;
+        std::filesystem::create_symlink(line_.slavePath, port);
+        noteMadeFiles({port});
         listen();
     }
     ~FarSide() { loop_.forget(line_.master.get()); }

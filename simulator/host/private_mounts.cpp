@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -18,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/made_files.h"
+#include "host/state_folder.h"
 #include "kvsim/machine.h"
 #include "layout/format.h"
 #include "os/unique_fd.h"
@@ -97,10 +100,6 @@ void separateMounts() {
 /** Tells by its type and name which of a covered folder's former entries stay visible. */
 using Keep = std::function<bool(const std::string& name, mode_t type)>;
 
-bool keepAll(const std::string& /*name*/, mode_t /*type*/) {
-    return true;
-}
-
 bool keepNothing(const std::string& /*name*/, mode_t /*type*/) {
     return false;
 }
@@ -121,6 +120,10 @@ bool keepHarmlessDevices(const std::string& name, mode_t /*type*/) {
     return std::ranges::find(names, name) != names.end();
 }
 
+Keep keepAllBut(const std::string& hidden) {
+    return [hidden](const std::string& name, mode_t /*type*/) { return name != hidden; };
+}
+
 std::vector<std::string> entriesOf(const std::string& folder) {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(folder.c_str()), ::closedir);
     if (!directory) {
@@ -134,130 +137,150 @@ std::vector<std::string> entriesOf(const std::string& folder) {
     return names;
 }
 
-/** Shows a former entry of a folder again. One that has vanished meanwhile is passed over. */
-void bindBack(const std::string& formerPath, const std::string& path, mode_t type) {
-    if (type == S_IFLNK) {
-        std::error_code vanished;
-        std::filesystem::copy_symlink(formerPath, path, vanished);
-        return;
+/** Shows a former entry of a folder again. False where it stays hidden, or has vanished meanwhile. */
+bool bindBack(int formerFolder, const std::string& name, const std::string& path, const Keep& keep) {
+    // The entry is opened once, so that what is bound is what was looked at, whoever else writes there.
+    const UniqueFd entry(::openat(formerFolder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    if (!entry || ::fstat(entry.get(), &status) != 0 || !keep(name, status.st_mode & S_IFMT)) {
+        return false;
     }
-    const bool isFolder = type == S_IFDIR;
-    if (isFolder ? ::mkdir(path.c_str(), 0755) != 0 : ::mknod(path.c_str(), S_IFREG | 0644, 0) != 0) {
+    const std::string former = format("/proc/self/fd/%d", entry.get());
+    if (S_ISLNK(status.st_mode)) {
+        std::string target(PATH_MAX, '\0');
+        const ssize_t length = ::readlinkat(entry.get(), "", target.data(), target.size());
+        target.resize(static_cast<std::size_t>(std::max(length, ssize_t{0})));
+        if (::symlink(target.c_str(), path.c_str()) != 0) {
+            fail("make " + path);
+        }
+        return true;
+    }
+    if (S_ISDIR(status.st_mode) ? ::mkdir(path.c_str(), 0755) != 0
+                                : ::mknod(path.c_str(), S_IFREG | 0644, 0) != 0) {
         fail("make " + path);
     }
-    if (::mount(formerPath.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0) {
-        return;
+    if (::mount(former.c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0) {
+        return true;
     }
     if (errno != ENOENT) {
         fail("bind " + path, namespaceRemedy);
     }
     std::filesystem::remove(path);
+    return false;
 }
 
-/** Puts an empty file system over a folder and shows those of its former entries that are to be kept. */
-void cover(const std::string& folder, const Keep& keep) {
-    const UniqueFd former = kv::os::openFile(folder, O_PATH | O_DIRECTORY);
-    struct stat status {};
-    if (!former || ::fstat(former.get(), &status) != 0) {
-        fail("open " + folder);
-    }
-    const std::vector<std::string> names = entriesOf(folder);
-
-    const std::string options = format("mode=%o", status.st_mode & 07777);
-    if (::mount("kvsim", folder.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
-        fail("put a private file system over " + folder, namespaceRemedy);
-    }
-    const std::string formerFolder = format("/proc/self/fd/%d", former.get());
-    for (const std::string& name : names) {
-        const std::string path = "/" + name;
-        const bool exists = ::fstatat(former.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-        const mode_t type = status.st_mode & S_IFMT;
-        if (exists && keep(name, type)) {
-            bindBack(formerFolder + path, folder + path, type);
-        }
-    }
-}
-
-/**
- * Makes a fresh, empty folder. Where the desk has none, the nearest folder above it is covered with all its
- * entries kept, so that the new folder is made in our file system and never on the desk.
- */
-void makeFresh(const std::filesystem::path& folder) {
-    if (std::filesystem::exists(folder)) {
-        cover(folder, keepNothing);
-        return;
-    }
-    std::filesystem::path above = folder.parent_path();
-    while (!std::filesystem::exists(above)) {
-        above = above.parent_path();
-    }
-    if (above == above.root_path()) {
-        errno = ENOENT;
-        fail("find the folder above " + folder.string());  // the root itself can't be covered
-    }
-    cover(above, keepAll);
-    std::filesystem::create_directories(folder);
-}
-
-/** The folders on the desk that hold a machine's state, opened before the machine's own folders hide them. */
-class StateOnDesk {
+/** Makes a machine's folders fresh, and remembers which they are. */
+class Covers {
  public:
-    explicit StateOnDesk(const std::filesystem::path& folder) {
-        for (const std::string machineFolder : kStateFolders) {
-            const std::filesystem::path onDesk = folder / machineFolder.substr(1);
-            std::filesystem::create_directories(onDesk);
-            UniqueFd descriptor = kv::os::openFile(onDesk, O_PATH | O_DIRECTORY);
-            if (!descriptor) {
-                fail("open " + onDesk.string());
+    /** Puts an empty file system over a folder and shows those of its former entries that are to be kept. */
+    void cover(const std::string& folder, const Keep& keep, const std::string& reason = "") {
+        const UniqueFd former = kv::os::openFile(folder, O_PATH | O_DIRECTORY);
+        struct stat status {};
+        if (!former || ::fstat(former.get(), &status) != 0) {
+            fail("open " + folder);
+        }
+        const std::vector<std::string> names = entriesOf(folder);
+
+        // The sticky bit says something only where others may write.
+        const mode_t mode = status.st_mode & ((status.st_mode & S_IWOTH) != 0 ? 07777 : 06777);
+        const std::string options = format("mode=%o", mode);
+        if (::mount("kvsim", folder.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
+            fail("put a private file system over " + folder, namespaceRemedy);
+        }
+        for (const std::string& name : names) {
+            const std::string path = folder + "/" + name;
+            if (bindBack(former.get(), name, path, keep)) {
+                made_.push_back(path + "/");
             }
-            folders_.emplace_back(machineFolder, std::move(descriptor));
+        }
+        folders_.push_back({folder, kv::os::openFile(folder, O_RDONLY | O_DIRECTORY), reason});
+        if (!folders_.back().folder) {
+            fail("open " + folder);
         }
     }
 
-    /** Shows them where the machine has them. */
-    void bind() const {
-        for (const auto& [machineFolder, descriptor] : folders_) {
-            const std::string onDesk = format("/proc/self/fd/%d", descriptor.get());
-            if (::mount(onDesk.c_str(), machineFolder.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-                fail("bind " + machineFolder, namespaceRemedy);
-            }
+    /**
+     * Makes a fresh, empty folder. Where the host has no place for it, the nearest folder above is covered
+     * with all its other entries kept, so that the new folder is made in our file system.
+     */
+    void makeFresh(const MountPlace& place) {
+        if (place.obstacle.empty()) {
+            cover(place.folder, keepNothing);
+            return;
         }
+        std::filesystem::path hidden = place.obstacle;
+        while (hidden.has_relative_path() && ::access(hidden.parent_path().c_str(), R_OK | X_OK) != 0) {
+            hidden = hidden.parent_path();  // an ordinary user may not look into each home folder
+        }
+        const std::filesystem::path above = hidden.parent_path();
+        if (above == above.root_path()) {
+            throw MachineUnavailable("the machine has no place on this host: " + place.reason);
+        }
+        cover(above, keepAllBut(hidden.filename()), place.reason);
+        std::filesystem::create_directories(place.folder);
+        made_.push_back(place.folder);
     }
+
+    [[nodiscard]] const std::vector<std::string>& made() const { return made_; }
+    [[nodiscard]] std::vector<CoveredFolder> takeFolders() && { return std::move(folders_); }
 
  private:
-    std::vector<std::pair<std::string, UniqueFd>> folders_;
+    std::vector<CoveredFolder> folders_;
+    std::vector<std::string> made_;
 };
 
 }  // namespace
 
-void enterPrivateMounts(const std::string& stateFolder) {
+bool isState(const std::string& path) {
+    return std::ranges::any_of(kStateFolders, [&path](const std::string& folder) {
+        return path == folder || path.starts_with(folder + "/");
+    });
+}
+
+std::vector<MountPlace> claimMountPlaces() {
+    std::vector<MountPlace> places;
+    for (const char* folder : {"/usr/kelvaro", "/home/brvn/logs", "/tmp/kelvaro"}) {
+        places.push_back(claimMountPlace(folder));
+    }
+    return places;
+}
+
+std::vector<CoveredFolder> enterPrivateMounts(const std::vector<MountPlace>& places,
+                                              const std::string& stateFolder) {
     std::error_code unreachable;
     const std::filesystem::path currentFolder = std::filesystem::current_path(unreachable);
 
     separateMounts();
-    std::optional<StateOnDesk> state;
+    std::optional<StateOnHost> state;
     if (!stateFolder.empty()) {
         state.emplace(stateFolder);
     }
-    cover("/sys", keepNothing);
-    cover("/proc/irq", keepNothing);
-    cover("/run", keepUserFolders);
+    Covers covers;
+    covers.cover("/sys", keepNothing);
+    covers.cover("/proc/irq", keepNothing);
+    covers.cover("/run", keepUserFolders);
     if (std::filesystem::exists("/dev/shm")) {
-        cover("/dev/shm", keepFolders);
+        covers.cover("/dev/shm", keepFolders);
     }
-    cover("/dev", keepHarmlessDevices);
-    makeFresh("/usr/kelvaro");
-    makeFresh("/home/brvn/logs");
-    makeFresh("/tmp/kelvaro");
+    covers.cover("/dev", keepHarmlessDevices);
+    for (const MountPlace& place : places) {
+        covers.makeFresh(place);
+    }
     if (state) {
         state->bind();
     }
+    noteMadeFiles(covers.made());
 
     // The process still stands in the folder as it was before; it goes to what has that name now. A folder
     // that is hidden now is not left.
     if (!unreachable) {
         std::filesystem::current_path(currentFolder, unreachable);
     }
+    return std::move(covers).takeFolders();
+}
+
+void hideFolder(const std::filesystem::path& folder) {
+    Covers().cover(folder.parent_path(), keepAllBut(folder.filename()));
 }
 
 }  // namespace kvsim

@@ -10,6 +10,8 @@
 #include <unistd.h>
 #include <unordered_set>
 
+#include "host/cleared_umask.h"
+#include "host/made_files.h"
 #include "host/private_mounts.h"
 #include "os/unique_fd.h"
 
@@ -55,11 +57,6 @@ class TreeWriter {
     }
 
  private:
-    static bool isState(const std::string& path) {
-        return std::ranges::any_of(
-            kStateFolders, [&path](const std::string& folder) { return path.starts_with(folder + "/"); });
-    }
-
     static bool write(int fd, const File& file) {
         if (::write(fd, file.content.data(), file.content.size()) < 0) {
             return false;
@@ -77,18 +74,6 @@ class TreeWriter {
     }
 
     std::unordered_set<std::string> made_;
-};
-
-/** A file's mode is what the tree says, whatever the user's habits. */
-class ClearedUmask {
- public:
-    ClearedUmask() : former_(::umask(0)) {}
-    ~ClearedUmask() { ::umask(former_); }
-    ClearedUmask(const ClearedUmask&) = delete;
-    ClearedUmask& operator=(const ClearedUmask&) = delete;
-
- private:
-    mode_t former_;
 };
 
 }  // namespace
@@ -109,6 +94,11 @@ void writeTree(const FileTree& tree) {
             writer.makeLink(path, *link);
         }
     }
+    std::vector<std::string> made;
+    for (const auto& [path, node] : tree.nodes()) {
+        made.push_back(path);
+    }
+    noteMadeFiles(made);
 }
 
 void removeTree(const FileTree& tree, const std::string& top) {

@@ -6,19 +6,19 @@
 
 #include "command_line/command_line.h"
 #include "kvsim/description_reader.h"
-#include "kvsim/machine.h"
+#include "tool/messages.h"
+#include "tool/running_machines.h"
 #include "tool/supervisor.h"
 
 namespace {
 
-constexpr const char* kName = "kvsim";
-
 constexpr const char* kFooter = R"(MACHINE is a name, looked up in the folders of KVSIM_MACHINES (separated by
 colons) and among the machines that come with kvsim, or the path of a YAML file.
 
-Exit status of 'kvsim run': that of COMMAND, 128+N when signal N ended it;
+Exit status of 'kvsim run' and 'kvsim enter': that of COMMAND, 128+N when
+signal N ended it; 1 when COMMAND succeeded, but --keep could not copy all;
 2 for wrong usage or a bad description, 126 when COMMAND can't be executed or
-this user may not make namespaces, 127 when there is no COMMAND.)";
+there can be no machine for this user, 127 when there is no COMMAND.)";
 
 std::string counts(const kvsim::MachineDescription& machine) {
     const auto bridges = std::ranges::count_if(machine.pciFunctions, [](const kvsim::PciFunction& function) {
@@ -29,11 +29,22 @@ std::string counts(const kvsim::MachineDescription& machine) {
            std::to_string(machine.platformDevices.size()) + " platform devices";
 }
 
-int run(const std::string& nameOrPath, const std::string& stateFolder,
+int run(const std::string& nameOrPath, const std::string& stateFolder, const std::string& keepFolder,
         const std::vector<std::string>& command) {
-    kvsim::Machine machine(kvsim::readDescription(kvsim::findMachine(nameOrPath)));
-    machine.keepStateIn(stateFolder);
-    return kvsim::runCommand(machine, command);
+    const auto file = kvsim::findMachine(nameOrPath);
+    const kvsim::MachineDescription machine = kvsim::readDescription(file);
+    return kvsim::runOnMachine(machine, {.name = file.stem(), .stateFolder = stateFolder}, keepFolder,
+                               command);
+}
+
+int enter(const std::string& nameOrProcess, const std::vector<std::string>& command) {
+    const kvsim::RunningMachine machine = kvsim::findRunningMachine(nameOrProcess);
+    return kvsim::runCommand([&machine] { kvsim::joinMachine(machine); }, command);
+}
+
+int showRunning() {
+    std::printf("%s", kvsim::tableOf(kvsim::runningMachines()).c_str());
+    return 0;
 }
 
 int check(const std::string& nameOrPath) {
@@ -51,7 +62,7 @@ int list() {
             std::printf("%-16s %s\n%-16s %s\n", file.stem().c_str(), machine.summary.c_str(), "",
                         counts(machine).c_str());
         } catch (const kvsim::DescriptionError& error) {
-            std::fprintf(stderr, "%s: %s\n", kName, error.what());
+            kvsim::printMessage(error.what());
             status = command_line::kUsageError;
         }
     }
@@ -59,21 +70,31 @@ int list() {
 }
 
 int runProgram(int argc, char** argv) {
-    command_line::Program program(kName, "Runs programs on a simulated target machine");
+    command_line::Program program("kvsim", "Runs programs on a simulated target machine");
     program.setFooter(kFooter);
 
     std::string machine;
     std::string stateFolder;
+    std::string keepFolder;
     std::vector<std::string> command;
     command_line::Command& runCommand = program.addCommand("run", "Run a command on a machine");
     runCommand.addOption("--state", "DIR", stateFolder,
                          "Keep /tmp/kelvaro, /usr/kelvaro, logs and shared memory in DIR between runs, as a "
-                         "machine does that stays "
-                         "powered; without it each run is a fresh boot");
+                         "machine does that stays powered; without it each run is a fresh boot");
+    runCommand.addOption("--keep", "DIR", keepFolder,
+                         "Copy what is left in the machine's folders (/dev, /run, ...) to DIR at the end; it "
+                         "is lost otherwise");
     runCommand.addArgument("MACHINE", machine, "The machine to run on");
     runCommand.addUserCommand(command, "The command, and its arguments");
-    runCommand.setAction([&] { return run(machine, stateFolder, command); });
+    runCommand.setAction([&] { return run(machine, stateFolder, keepFolder, command); });
 
+    command_line::Command& enterCommand =
+        program.addCommand("enter", "Run a command on a machine that is running already");
+    enterCommand.addArgument("NAME|PID", machine, "The machine, or a process on it");
+    enterCommand.addUserCommand(command, "The command, and its arguments");
+    enterCommand.setAction([&] { return enter(machine, command); });
+
+    program.addCommand("ps", "Show your running machines").setAction(showRunning);
     program.addCommand("list", "Show the machines there are").setAction(list);
 
     command_line::Command& checkCommand =
@@ -89,7 +110,7 @@ int main(int argc, char** argv) {
     try {
         return runProgram(argc, argv);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", kName, error.what());
+        kvsim::printMessage(error.what());
         return command_line::kUsageError;
     }
 }

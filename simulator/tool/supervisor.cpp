@@ -1,19 +1,36 @@
 #include "tool/supervisor.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <poll.h>
+#include <ranges>
+#include <sched.h>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
+
+#include "host/detached_process.h"
+#include "layout/format.h"
+#include "os/unique_fd.h"
+#include "tool/leftovers.h"
+#include "tool/messages.h"
+#include "tool/running_machines.h"
 
 namespace kvsim {
 
 namespace {
+
+using kv::os::UniqueFd;
 
 sigset_t supervisedSignals() {
     sigset_t signals;
@@ -48,16 +65,16 @@ bool isInPath(const std::string& command) {
     if (error == EACCES && command[0].find('/') == std::string::npos && !isInPath(command[0])) {
         error = ENOENT;
     }
-    std::fprintf(stderr, "kvsim: %s: %s\n", arguments[0], std::strerror(error));
+    printMessage(command[0] + ": " + std::strerror(error));
     ::_exit(error == ENOENT ? kNoSuchCommand : kCannotRun);
 }
 
-[[noreturn]] void runChild(Machine& machine, const std::vector<std::string>& command, pid_t supervisor,
-                           const sigset_t& formerSignals) {
+[[noreturn]] void runChild(const std::function<void()>& enter, const std::vector<std::string>& command,
+                           pid_t supervisor, const sigset_t& formerSignals) {
     try {
-        machine.enter();
+        enter();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "kvsim: %s\n", error.what());
+        printMessage(error.what());
         ::_exit(kCannotRun);
     }
     // Only now: a change of user namespace takes the wish back.
@@ -87,9 +104,118 @@ int superviseUntilEnd(pid_t child, const sigset_t& signals) {
     }
 }
 
+/* ---- What the command's process hands its supervisor, which looks after it when the command has ended ----
+ */
+
+struct Remains {
+    std::vector<CoveredFolder> folders;
+    ino_t mountNamespace = 0;
+    UniqueFd keeper;
+    UniqueFd userNamespace;
+};
+
+void sendRemains(int connection, const EnteredMachine& machine) {
+    for (const CoveredFolder& covered : machine.folders) {
+        sendMessage(connection, covered.path + "\n" + covered.reason, {covered.folder.get()});
+    }
+    const UniqueFd userNamespace = kv::os::openFile("/proc/self/ns/user", O_RDONLY);
+    sendMessage(connection, std::to_string(mountNamespaceOf(::getpid())),
+                {machine.keeper.get(), userNamespace.get()});
+}
+
+/** Empty where the command's process never came to the machine. */
+Remains receiveRemains(int connection) {
+    Remains remains;
+    while (std::optional<Message> message = receiveMessage(connection)) {
+        const std::size_t lineEnd = message->text.find('\n');
+        if (lineEnd == std::string::npos) {
+            remains.mountNamespace = std::stoull(message->text);
+            remains.keeper = std::move(message->descriptors.at(0));
+            remains.userNamespace = std::move(message->descriptors.at(1));
+            break;
+        }
+        remains.folders.push_back({message->text.substr(0, lineEnd), std::move(message->descriptors.at(0)),
+                                   message->text.substr(lineEnd + 1)});
+    }
+    return remains;
+}
+
+/** The folder of the host that takes what would be lost. */
+struct KeepFolder {
+    std::string path;
+    UniqueFd folder;
+
+    /** False, and says why, where it can't be made. */
+    bool open(const std::string& wanted) {
+        path = wanted;
+        std::error_code error;
+        std::filesystem::create_directories(path, error);
+        folder = kv::os::openFile(path, O_RDONLY | O_DIRECTORY);
+        if (!folder || ::faccessat(folder.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
+            printMessage("cannot copy to " + printable(path) + ": " + std::strerror(errno));
+            return false;
+        }
+        return true;
+    }
+};
+
+/** Those that are still on a machine, after the time that the end of a pipeline takes. */
+std::vector<pid_t> processesLeftOn(ino_t mountNamespace) {
+    constexpr int kAttempts = 10;
+    constexpr std::chrono::milliseconds kBetween(30);
+    std::vector<pid_t> processes = processesOn(mountNamespace);
+    for (int attempt = 0; attempt < kAttempts && !processes.empty(); ++attempt) {
+        std::this_thread::sleep_for(kBetween);
+        processes = processesOn(mountNamespace);
+    }
+    return processes;
+}
+
+void reportProcesses(const std::vector<pid_t>& processes) {
+    constexpr std::size_t kMaxListed = 5;
+    std::string message = "still on the machine, whose folders end with the last process:";
+    for (const pid_t process : processes | std::views::take(kMaxListed)) {
+        message += format("\n  process %d: ", process) + commandOf(process);
+    }
+    if (processes.size() > kMaxListed) {
+        message += format("\n  and %zu more", processes.size() - kMaxListed);
+    }
+    printMessage(message);
+}
+
+/** False where something could not be kept. */
+bool lookAfter(Remains remains, const KeepFolder& keep) {
+    if (remains.mountNamespace == 0) {
+        return true;
+    }
+    const std::vector<pid_t> processes = processesLeftOn(remains.mountNamespace);
+    if (::geteuid() != 0) {
+        // There this user is root, who reads files whose mode forbids it. Without it they are left out.
+        (void)::setns(remains.userNamespace.get(), CLONE_NEWUSER);
+    }
+    bool isKept = true;
+    {
+        const Leftovers leftovers(std::move(remains.folders));
+        if (keep.folder) {
+            isKept = leftovers.copyTo(keep.folder.get(), keep.path);
+        } else {
+            leftovers.report();
+        }
+    }
+    if (!processes.empty()) {
+        reportProcesses(processes);
+        return isKept;
+    }
+    // The host is as before when kvsim ends: no mount point is left, and the state folder is unlocked.
+    constexpr int kPatienceMs = 2000;
+    pollfd end{.fd = remains.keeper.get(), .events = POLLIN, .revents = 0};
+    (void)::poll(&end, 1, kPatienceMs);
+    return isKept;
+}
+
 }  // namespace
 
-int runCommand(Machine& machine, const std::vector<std::string>& command) {
+int runCommand(const std::function<void()>& enter, const std::vector<std::string>& command) {
     std::signal(SIGCHLD,
                 SIG_DFL);  // a caller that ignores it hands that down, and no child could be waited for
     const sigset_t signals = supervisedSignals();
@@ -99,13 +225,34 @@ int runCommand(Machine& machine, const std::vector<std::string>& command) {
     const pid_t supervisor = ::getpid();
     const pid_t child = ::fork();
     if (child < 0) {
-        std::fprintf(stderr, "kvsim: cannot start a process: %s\n", std::strerror(errno));
+        printMessage(std::string("cannot start a process: ") + std::strerror(errno));
         return kCannotRun;
     }
     if (child == 0) {
-        runChild(machine, command, supervisor, formerSignals);
+        runChild(enter, command, supervisor, formerSignals);
     }
-    return superviseUntilEnd(child, signals);
+    const int status = superviseUntilEnd(child, signals);
+    // What has arrived for the command too late does not end this process with another status.
+    constexpr timespec kNow{};
+    while (::sigtimedwait(&signals, nullptr, &kNow) > 0) {
+    }
+    ::sigprocmask(SIG_SETMASK, &formerSignals, nullptr);
+    return status;
+}
+
+int runOnMachine(const MachineDescription& description, const EntryOptions& options,
+                 const std::string& keepFolder, const std::vector<std::string>& command) {
+    KeepFolder keep;
+    if (!keepFolder.empty() && !keep.open(keepFolder)) {
+        return kCannotRun;
+    }
+    auto [ours, childs] = makeConnection();
+    const int status = runCommand(
+        [&, connection = childs.get()] { sendRemains(connection, enterMachine(description, options)); },
+        command);
+    childs.reset();
+    const bool isKept = lookAfter(receiveRemains(ours.get()), keep);
+    return status == 0 && !isKept ? kCannotKeep : status;
 }
 
 }  // namespace kvsim

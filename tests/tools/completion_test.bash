@@ -27,16 +27,17 @@ cd "$work" || exit 1
 mkdir folder
 touch mine.yaml notes.txt folder/other.yaml
 
-offers '--help --version check list run' kvsim ''
+offers '--help --version check enter list ps run' kvsim ''
 offers 'bare blaze' kvsim check b
 offers 'bare blaze ember folder mine.yaml' kvsim run ''
 offers 'folder/other.yaml' kvsim run folder/
-offers '--help --state' kvsim run -
+offers '--help --keep --state' kvsim run -
 offers 'folder' kvsim run --state f
 offers 'folder' kvsim run --state = f
-offers 'ember' kvsim run --state = folder e
+offers 'ember' kvsim run --keep folder --state = folder e
 offers 'kvctl' kvsim run ember kvct
 offers 'notes.txt' kvsim run ember -- cat n
+offers 'kvctl' kvsim enter ember -- kvct
 
 offers '--help --version eth info pci serial time' kvctl ''
 offers '--json' kvctl pci --j

@@ -15,9 +15,15 @@ _kv_machines() {
     _files -g '*.yaml'
 }
 
-# Completes "run": options, the machine, then another command with arguments of its own.
-_kv_run() {
-    local -A takes=(${=${(f)"$(_kv_options run | sed 's/ $/ -/')"}})
+# Names and processes of machines that are running.
+_kv_running() {
+    local -a running=(${(fu)"$($program ps 2>/dev/null | sed -n 's/^\([0-9]\+\) \+\([^ ]\+\) .*/\1\n\2/p')"})
+    compadd -a running
+}
+
+# Completes "run" and "enter": options, a machine by the function given, then another command with arguments of its own.
+_kv_with_command() {
+    local -A takes=(${=${(f)"$(_kv_options $command | sed 's/ $/ -/')"}})
     local at=3
     while ((at < CURRENT)) && [[ $words[at] == -* ]]; do
         [[ $words[at] != *=* && ${takes[$words[at]]:--} != - ]] && ((at += 1))
@@ -28,7 +34,7 @@ _kv_run() {
     elif ((at == CURRENT)) && [[ $words[at] == -* ]]; then
         compadd -k takes
     elif ((at == CURRENT)); then
-        _kv_machines
+        $1
     else
         [[ ${words[at+1]} == -- ]] && ((at += 1, at < CURRENT))
         shift at words
@@ -42,7 +48,9 @@ if ((CURRENT == 2)); then
     compadd -a commands
     compadd -- ${(f)"$(_kv_options | sed 's/ .*//')"}
 elif [[ $program == *kvsim && $command == run ]]; then
-    _kv_run
+    _kv_with_command _kv_machines
+elif [[ $program == *kvsim && $command == enter ]]; then
+    _kv_with_command _kv_running
 elif [[ $program == *kvsim && $command == check && $words[CURRENT] != -* ]]; then
     _kv_machines
 else

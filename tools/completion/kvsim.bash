@@ -21,6 +21,13 @@ _kvsim_machines() {
     _kvsim_files -d -- "$2"
 }
 
+# Names and processes of machines that are running.
+_kvsim_running() {
+    local running
+    running=$("$1" ps 2>/dev/null | sed -n 's/^\([0-9]\+\) \+\([^ ]\+\) .*/\1 \2/p')
+    mapfile -t COMPREPLY < <(compgen -W "$running" -- "$2" | sort -u)
+}
+
 # What bash-completion knows about the command that stands at a position, or commands and files.
 _kvsim_command() {
     local offset
@@ -37,11 +44,12 @@ _kvsim_command() {
     fi
 }
 
-_kvsim_run() {
-    local program=$1 cur=$2 at=2
+# Of "run" and "enter": options, a machine that the given function completes, and a command.
+_kvsim_with_command() {
+    local program=$1 command=$2 machines=$3 cur=$4 at=2
     while ((at < COMP_CWORD)); do
         case ${COMP_WORDS[at]} in
-            --state)
+            --state | --keep)
                 ((at += 2))
                 [[ ${COMP_WORDS[at - 1]} == = ]] && ((at += 1))  # bash cuts at "="
                 ;;
@@ -52,9 +60,9 @@ _kvsim_run() {
     if ((at > COMP_CWORD)); then
         _kvsim_files -d -- "${cur#=}"
     elif ((at == COMP_CWORD)) && [[ $cur == -* ]]; then
-        _kvsim_options "$program" run "$cur"
+        _kvsim_options "$program" "$command" "$cur"
     elif ((at == COMP_CWORD)); then
-        _kvsim_machines "$program" "$cur"
+        "$machines" "$program" "$cur"
     else
         ((at += 1))
         ((at < COMP_CWORD)) && [[ ${COMP_WORDS[at]} == -- ]] && ((at += 1))
@@ -67,8 +75,9 @@ _kvsim() {
     ((COMP_CWORD > 1)) && command=${COMP_WORDS[1]}
     COMPREPLY=()
     case $command in
-        run) _kvsim_run "$program" "$cur" ;;
-        check | list)
+        run) _kvsim_with_command "$program" run _kvsim_machines "$cur" ;;
+        enter) _kvsim_with_command "$program" enter _kvsim_running "$cur" ;;
+        check | list | ps)
             if [[ $command == check && $cur != -* ]]; then
                 _kvsim_machines "$program" "$cur"
             else

@@ -118,20 +118,20 @@ class KVSIM_EXPORT Machine {
     Machine& systemInformation(std::string fileName, std::string text);
 
     /**
-     * Keeps what a machine keeps while it stays powered in a folder of the desk: /tmp/kelvaro, /usr/kelvaro,
-     * /home/brvn/logs and shared memory. The next machine that is given the folder finds it there.
+     * Keeps what a machine keeps while it stays powered in a folder of the host: /tmp/kelvaro, /usr/kelvaro,
+     * /home/brvn/logs and shared memory. One machine at a time uses it; the next one finds it there.
      */
     Machine& keepStateIn(std::string folder);
 
     /**
-     * Puts this process, and what it starts from now on, on the machine. There is no way back, and nothing of
-     * it shows outside the process. Call it before the process starts threads.
+     * Puts this process, and what it starts from now on, on the machine. There is no way back. What it leaves
+     * in the machine's folders ends with the last process there. Call it before the process starts threads.
      *
      * A machine that acts (drivers, interrupts, DMA buffers) gets a process of its own that serves it and
      * ends with the last process on the machine.
      *
-     * Throws DescriptionError for a machine that can't be, and MachineUnavailable where the rights are
-     * missing.
+     * Throws DescriptionError for a machine that can't be, MachineUnavailable where the rights are missing,
+     * and std::runtime_error where another machine uses the state folder.
      */
     void enter();
 
@@ -141,7 +141,7 @@ class KVSIM_EXPORT Machine {
     [[nodiscard]] static std::string read(const std::string& path);
     /** Replaces the text of a file; makes the file, and the folders above it, where there is none. */
     static void write(const std::string& path, const std::string& text);
-    /** Removes a file, a link, or a folder with all that it holds. */
+    /** Removes a file, a link, or a folder with all that it holds, also one that the machine is made of. */
     static void remove(const std::string& path);
     /** Puts an empty folder in the place of whatever is at the path: a file that is there and can't be read.
      */

@@ -45,12 +45,15 @@ int inChild(const std::function<int()>& action) {
 }
 
 /** What one program leaves behind in each folder of a machine. */
-constexpr const char* kLeftBehind[] = {
-    "/usr/kelvaro/kv-desk-test", "/home/brvn/kv-desk-test", "/home/brvn/logs/kv-desk-test",
-    "/tmp/kelvaro/kv-desk-test", "/dev/shm/kv-desk-test",   "/dev/kv-desk-test",
-    "/run/kv-desk-test",         "/sys/class/kv-desk-test", "/proc/irq/kv-desk-test"};
+constexpr const char* kLeftBehind[] = {"/usr/kelvaro/kv-desk-test", "/home/brvn/logs/kv-desk-test",
+                                       "/tmp/kelvaro/kv-desk-test", "/dev/shm/kv-desk-test",
+                                       "/dev/kv-desk-test",         "/run/kv-desk-test",
+                                       "/sys/class/kv-desk-test",   "/proc/irq/kv-desk-test"};
 
-/** The desk's mounts, its folders that got entries on the machine, and what of a machine's files shows. */
+/**
+ * The desk's mounts, its folders that got entries on the machine, and what of a machine's files shows. What
+ * machines are mounted on comes and goes with those of other tests.
+ */
 std::set<std::string> deskState() {
     std::set<std::string> state = {Machine::read("/proc/self/mountinfo")};
     for (const char* folder : {"/usr", "/home"}) {
@@ -58,6 +61,8 @@ std::set<std::string> deskState() {
             state.insert(entry.path());
         }
     }
+    state.erase("/usr/kelvaro");
+    state.erase("/home/brvn");
     for (const char* file : kLeftBehind) {
         if (fs::exists(file)) {
             state.insert(file);

@@ -21,6 +21,7 @@ using kv::test::Outcome;
 using kv::test::shell;
 using kv::test::TemporaryFolder;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 
 const std::string kKvsim = KVSIM_PROGRAM;
 
@@ -51,6 +52,11 @@ TEST_F(Kvsim, KeepsTheStateOfAMachineThatStaysPowered) {
     EXPECT_EQ(shell(kKvsim + " run ember -- test -e /tmp/kelvaro/tag").status, 1)
         << "without it, a fresh boot";
 
+    const Outcome inUse = shell(powered + kKvsim + " run --state " + folder.path().string() + " ember true");
+    EXPECT_EQ(inUse.status, 126);
+    EXPECT_THAT(inUse.output, MatchesRegex("kvsim: the state folder " + folder.path().string() +
+                                           " is in use by another machine, process [0-9]+\n"));
+
     const Outcome impossible = shell(kKvsim + " run --state /dev/null/state ember -- true");
     EXPECT_EQ(impossible.status, 126);
     EXPECT_THAT(impossible.output, HasSubstr("/dev/null/state"));
@@ -79,10 +85,80 @@ TEST_F(Kvsim, HandsTheCommandItsArgumentsAndInput) {
 TEST_F(Kvsim, RunsTheCommandOnTheMachine) {
     const TemporaryFolder folder;
     folder.write("tiny.yaml", "summary: tiny\ncpus: 3\nserial-number: s77\n");
-    const Outcome outcome = shell("cd " + folder.path().string() + "; " + kKvsim +
-                                  " run tiny.yaml -- sh -c 'getconf _NPROCESSORS_CONF; cat "
-                                  "/sys/devices/platform/ember/rttm/system_serial; pwd'");
-    EXPECT_EQ(outcome.output, "3\ns77\n" + folder.path().string() + "\n");
+    const Outcome outcome =
+        shell("cd " + folder.path().string() + "; " + kKvsim +
+              " run tiny.yaml -- sh -c 'getconf _NPROCESSORS_CONF; cat "
+              "/sys/devices/platform/ember/rttm/system_serial; pwd; echo $KVSIM_MACHINE; uname "
+              "-n'");
+    EXPECT_EQ(outcome.output, "3\ns77\n" + folder.path().string() + "\ntiny\ntiny\n");
+}
+
+TEST_F(Kvsim, NamesWhatIsLostWithTheMachine) {
+    const TemporaryFolder folder;
+    const std::string onHost =
+        folder.path().string() + "-beside";  // directly in the folder of temporary files
+    const std::string lost = "kvsim: lost with the machine ('kvsim run --keep DIR' copies it to the host):\n";
+    struct Case {
+        const char* machine;
+        const char* script;
+        std::string output;
+    } const cases[] = {
+        {"bare", "echo 1 >/dev/shm/object; echo 1 >/home/brvn/logs/log; echo 1 >/tmp/kelvaro/tag", ""},
+        {"blaze",
+         "echo create buffer 4096 >/dev/u-dma-buf-mgr; systemctl start x; echo gone >/run/x; rm /run/x", ""},
+        {"bare", "echo 1 >$BESIDE", ""},
+        {"bare", "printf 123 >/run/result; exit 7", lost + "kvsim:   /run/result (3 bytes)\n"},
+        {"bare", "printf 123 >/sys/x; kill -9 $$", lost + "kvsim:   /sys/x (3 bytes)\n"},
+        {"bare", "printf 1 >'/dev/a\n\\b'; ln -s x /proc/irq/link; mkdir -p /dev/shm/d/e; mkfifo /run/fifo",
+         lost + "kvsim:   /dev/a\\012\\134b (1 bytes)\nkvsim:   /dev/shm/d/ (1 entries)\n"
+                "kvsim:   /proc/irq/link (a symbolic link)\nkvsim:   /run/fifo (a FIFO)\n"},
+        {"bare", "cd /run; mkdir 0 1 2 3 4 5 6 7 8 9 A B; rmdir 0 1 2 3 4 5 6 7 8",
+         lost + "kvsim:   /run/9/ (0 entries)\nkvsim:   /run/A/ (0 entries)\nkvsim:   /run/B/ (0 entries)\n"},
+    };
+    for (const Case& each : cases) {
+        std::ofstream(folder.path() / "script") << each.script;
+        EXPECT_EQ(shell("BESIDE=" + onHost + " " + kKvsim + " run " + each.machine + " sh " +
+                        (folder.path() / "script").string())
+                      .output,
+                  each.output)
+            << each.script;
+    }
+    EXPECT_TRUE(std::filesystem::remove(onHost));
+    EXPECT_THAT(shell(kKvsim + " run bare sh -c 'cd /run; mkdir 0 1 2 3 4 5 6 7 8 9 A B'").output,
+                HasSubstr("/run/9/ (0 entries)\nkvsim:   and 2 more\n"));
+    EXPECT_THAT(shell(kKvsim + " run bare sh -c 'sleep 1 >/dev/null 2>&1 &'").output,
+                MatchesRegex("kvsim: still on the machine, whose folders end with the last process:\n"
+                             "kvsim:   process [0-9]+: sleep 1\n"));
+}
+
+TEST_F(Kvsim, CopiesWhatWouldBeLost) {
+    const TemporaryFolder folder;
+    const std::filesystem::path kept = folder.path() / "new" / "kept";
+    const std::string run = kKvsim + " run --keep " + kept.string() + " bare sh -c '";
+    const Outcome copied = shell(run +
+                                 "cd /run; echo secret >f; chmod 0 f; mkdir -p d/e; echo deep >d/e/f; ln -s "
+                                 "/etc/passwd link; echo model >/home/brvn/logs/log'");
+    EXPECT_EQ(copied.status, 0);
+    EXPECT_EQ(copied.output, "kvsim: copied to " + kept.string() +
+                                 ":\nkvsim:   /home/brvn/logs/log (6 bytes)\nkvsim:   /run/d/ (2 entries)\n"
+                                 "kvsim:   /run/f (7 bytes)\nkvsim:   /run/link (a symbolic link)\n");
+    EXPECT_EQ(std::filesystem::file_size(kept / "run/f"), 7U);
+    EXPECT_EQ(
+        shell("cat " + (kept / "run/d/e/f").string() + " " + (kept / "home/brvn/logs/log").string()).output,
+        "deep\nmodel\n");
+    EXPECT_EQ(std::filesystem::read_symlink(kept / "run/link"), "/etc/passwd");
+
+    // A link that was copied is not followed by the next copy, and a folder is not replaced by a file.
+    const Outcome refused = shell(run + "cd /run; mkdir link; echo 1 >link/f; echo 1 >d'");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.output, HasSubstr("kvsim: cannot copy /run/d to " + kept.string() +
+                                          ": Is a directory\n"
+                                          "kvsim: cannot copy /run/link to " +
+                                          kept.string() +
+                                          ": Not a directory\n"
+                                          "kvsim: copied as far as possible to"));
+    EXPECT_EQ(shell(run + "exit 5'").status, 5);
+    EXPECT_EQ(shell(kKvsim + " run --keep /dev/null/x bare true").status, 126);
 }
 
 TEST(KvsimUse, IsRefusedWithAReasonAndStatusTwo) {
@@ -189,6 +265,36 @@ TEST_F(Kvsim, PassesSignalsOn) {
     }
 }
 
+TEST_F(Kvsim, LetsOthersLookAtAMachineThatRuns) {
+    const TemporaryFolder folder;
+    const TemporaryFolder otherFolder;
+    RunningKvsim kvsim(folder, "echo mine > /run/mine; cd /");
+    const RunningKvsim other(otherFolder, "true");
+    const std::string pid = std::to_string(kvsim.command());
+    ASSERT_NE(other.command(), 0);
+    EXPECT_THAT(shell(kKvsim + " ps | grep '^" + pid + " '").output,
+                MatchesRegex(pid + " +ember +[-0-9]+ [:0-9]+ sh -c echo mine .*\n"));
+    const std::string show =
+        " -- sh -c 'cat /run/mine; echo $KVSIM_MACHINE; uname -n; id -u; pwd; sudo echo $1; exit 5' sh ";
+    for (const std::string& process : {pid, std::to_string(kvsim.supervisor())}) {
+        const Outcome inside =
+            shell("cd " + folder.path().string() + "; " + kKvsim + " enter " + process + show + "arg");
+        EXPECT_EQ(inside.status, 5);
+        EXPECT_EQ(inside.output, "mine\nember\nember\n0\n" + folder.path().string() + "\narg\n");
+    }
+    const Outcome ambiguous = shell(kKvsim + " enter ember true");
+    EXPECT_EQ(ambiguous.status, 2);
+    EXPECT_THAT(ambiguous.output,
+                HasSubstr("machines run for \"ember\"; give the number of a process:\nkvsim: PID "));
+    EXPECT_THAT(ambiguous.output, HasSubstr("\nkvsim: " + pid + " "));
+    EXPECT_THAT(shell(kKvsim + " enter 1 true").output, HasSubstr("kvsim: no machine runs for process 1\n"));
+
+    ::kill(kvsim.supervisor(), SIGKILL);
+    (void)kvsim.end();
+    EXPECT_TRUE(endsSoon(std::stoi(pid)));
+    EXPECT_EQ(shell(kKvsim + " ps | grep '^" + pid + " '").output, "") << "a machine that has ended";
+}
+
 TEST_F(Kvsim, TakesTheCommandWithItWhenItIsKilled) {
     const TemporaryFolder folder;
     RunningKvsim kvsim(folder, "true");
@@ -214,9 +320,10 @@ TEST_F(Kvsim, TellsWhichRightIsMissing) {
     }
     const Outcome outcome = shell(withoutNamespaces + kKvsim + " run ember true'");
     EXPECT_EQ(outcome.status, 126);
-    EXPECT_EQ(outcome.output,
-              "kvsim: cannot make a user and mount namespace: No space left on device\n"
-              "No user namespace is allowed: sysctl user.max_user_namespaces=10000, or run this as root\n");
+    EXPECT_EQ(
+        outcome.output,
+        "kvsim: cannot make a user and mount namespace: No space left on device\n"
+        "kvsim: No user namespace is allowed: sysctl user.max_user_namespaces=10000, or run this as root\n");
 }
 
 }  // namespace
