@@ -3,9 +3,15 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <optional>
+#include <sstream>
+
+#include <yaml-cpp/anchor.h>
+#include <yaml-cpp/eventhandler.h>
 
 #include "description/checks.h"
 #include "description/gpio_reader.h"
+#include "description/mistakes.h"
 #include "description/soc_reader.h"
 #include "description/yaml_section.h"
 #include "layout/format.h"
@@ -78,12 +84,10 @@ std::vector<ClassDevice> readClassDevices(const YAML::Node& list) {
         const YamlSection section(node, "a device", {"class", "name", "attributes", "terminal"});
         ClassDevice device{.className = section.text("class"), .name = section.text("name")};
         device.position = section.position();
-        if (section.has("attributes")) {
-            device.attributes = readLines(section.required("attributes"), "attributes");
-        }
-        if (section.has("terminal")) {
-            device.terminal = readTerminal(section.required("terminal"));
-        }
+        section.optional("attributes", [&](const YAML::Node& value) {
+            device.attributes = readLines(value, "attributes");
+        });
+        section.optional("terminal", [&](const YAML::Node& value) { device.terminal = readTerminal(value); });
         devices.push_back(std::move(device));
     });
     return devices;
@@ -109,12 +113,8 @@ Bar readBar(const YAML::Node& node) {
             .address = section.number<std::uint64_t>("address"),
             .sizeBytes = section.number<std::uint64_t>("size")};
     bar.position = section.position();
-    if (section.has("space")) {
-        bar.space = readSpace(section.required("space"));
-    }
-    if (section.has("registers")) {
-        bar.registers = readRegisters(section.required("registers"));
-    }
+    section.optional("space", [&](const YAML::Node& value) { bar.space = readSpace(value); });
+    section.optional("registers", [&](const YAML::Node& value) { bar.registers = readRegisters(value); });
     return bar;
 }
 
@@ -160,35 +160,29 @@ class PciReader {
         }
         PciFunction function{.bus = bus, .slot = section.number<std::uint8_t>("slot")};
         function.position = section.position();
-        std::tie(function.vendor, function.device) = readIdentity(section.required("id"), "id");
+        Mistakes::attempt(
+            [&] { std::tie(function.vendor, function.device) = readIdentity(section.required("id"), "id"); });
         section.optionalNumber("function", function.function);
         section.optionalNumber("revision", function.revision);
         section.optionalNumber("irq", function.irq);
         section.optionalText("driver", function.driver);
-        if (section.has("subsystem")) {
-            std::tie(function.subsystemVendor, function.subsystemDevice) =
-                readIdentity(section.required("subsystem"), "subsystem");
-        }
-        if (section.has("enabled")) {
-            function.enabled = readSwitch(section.required("enabled"), "enabled");
-        }
-        if (section.has("express")) {
-            function.express = readExpress(section.required("express"));
-        }
-        if (section.has("bars")) {
-            forEach(section.required("bars"), "bars",
-                    [&function](const YAML::Node& bar) { function.bars.push_back(readBar(bar)); });
-        }
-        if (section.has("devices")) {
-            function.classDevices = readClassDevices(section.required("devices"));
-        }
+        section.optional("subsystem", [&](const YAML::Node& value) {
+            std::tie(function.subsystemVendor, function.subsystemDevice) = readIdentity(value, "subsystem");
+        });
+        section.optional("enabled",
+                         [&](const YAML::Node& value) { function.enabled = readSwitch(value, "enabled"); });
+        section.optional("express", [&](const YAML::Node& value) { function.express = readExpress(value); });
+        section.optional("bars", [&](const YAML::Node& list) {
+            forEach(list, "bars", [&](const YAML::Node& bar) { function.bars.push_back(readBar(bar)); });
+        });
+        section.optional("devices",
+                         [&](const YAML::Node& value) { function.classDevices = readClassDevices(value); });
         section.optionalText("board", function.board);
-        if (section.has("plants")) {
-            function.plants = readPlants(section.required("plants"));
-        }
+        section.optional("plants", [&](const YAML::Node& value) { function.plants = readPlants(value); });
         if (section.has("leads-to")) {
             // Bus numbers grow from bridge to bridge, which also ends a list that holds itself.
-            function.secondaryBus = section.number<std::uint8_t>("leads-to", bus + 1);
+            function.secondaryBus = static_cast<std::uint8_t>(
+                readNumber(section.required("leads-to"), "leads-to", bus + 1, UINT8_MAX));
             function.classCode = kBridgeClassCode;
         }
         section.optionalNumber("class", function.classCode);
@@ -213,12 +207,12 @@ PciDriver readPciDriver(const YAML::Node& node) {
     }
     const YamlSection section(node, "a driver", {"name", "ids"});
     PciDriver driver{.name = section.text("name"), .position = section.position()};
-    if (section.has("ids")) {
-        forEach(section.required("ids"), "ids", [&driver](const YAML::Node& id) {
+    section.optional("ids", [&](const YAML::Node& list) {
+        forEach(list, "ids", [&](const YAML::Node& id) {
             const auto [vendor, device] = readIdentity(id, "ids");
             driver.identities.push_back({.vendor = vendor, .device = device});
         });
-    }
+    });
     return driver;
 }
 
@@ -235,12 +229,11 @@ std::vector<PlatformDevice> readPlatformDevices(const YAML::Node& list) {
         const YamlSection section(node, "a platform device", {"name", "attributes", "devices"});
         PlatformDevice device{.name = section.text("name")};
         device.position = section.position();
-        if (section.has("attributes")) {
-            device.attributes = readLines(section.required("attributes"), "attributes");
-        }
-        if (section.has("devices")) {
-            device.classDevices = readClassDevices(section.required("devices"));
-        }
+        section.optional("attributes", [&](const YAML::Node& value) {
+            device.attributes = readLines(value, "attributes");
+        });
+        section.optional("devices",
+                         [&](const YAML::Node& value) { device.classDevices = readClassDevices(value); });
         devices.push_back(std::move(device));
     });
     return devices;
@@ -267,40 +260,30 @@ MachineDescription readMachine(const YAML::Node& document) {
         machine.cpus = section.number<unsigned>("cpus", 1, kMaxCpus);
     }
     section.optionalNumber("temperature", machine.temperatureMilliCelsius);
-    if (section.has("serial-number")) {
-        machine.serialNumber = asLine(section.text("serial-number"));
-    }
-    if (section.has("system-information")) {
-        const YAML::Node information = section.required("system-information");
+    section.optional("serial-number", [&](const YAML::Node& value) {
+        machine.serialNumber = asLine(readText(value, "serial-number"));
+    });
+    section.optional("system-information", [&](const YAML::Node& information) {
         for (const auto& [name, text] : readLines(information, "system-information")) {
             requireFileName(name, "a system-information file", positionOf(information));
             machine.systemInformation[name] = text;
         }
-    }
-    if (section.has("pci-drivers")) {
-        machine.pciDrivers = readPciDrivers(section.required("pci-drivers"));
-    }
-    if (section.has("pci")) {
-        PciReader(machine.pciFunctions).readBus(section.required("pci"), "pci", 0);
-    }
-    if (section.has("axi")) {
-        machine.axiDevices = readAxiDevices(section.required("axi"));
-    }
-    if (section.has("dma-memory")) {
-        machine.dmaMemory = readMemoryRange(section.required("dma-memory"), "dma-memory");
-    }
-    if (section.has("cached-buffer")) {
-        machine.cachedBuffer = readMemoryRange(section.required("cached-buffer"), "cached-buffer");
-    }
-    if (section.has("gpio")) {
-        machine.gpioChips = readGpioChips(section.required("gpio"));
-    }
-    if (section.has("platform")) {
-        machine.platformDevices = readPlatformDevices(section.required("platform"));
-    }
-    if (section.has("files")) {
-        machine.files = readFiles(section.required("files"));
-    }
+    });
+    section.optional("pci-drivers",
+                     [&](const YAML::Node& value) { machine.pciDrivers = readPciDrivers(value); });
+    section.optional(
+        "pci", [&](const YAML::Node& list) { PciReader(machine.pciFunctions).readBus(list, "pci", 0); });
+    section.optional("axi", [&](const YAML::Node& value) { machine.axiDevices = readAxiDevices(value); });
+    section.optional("dma-memory", [&](const YAML::Node& value) {
+        machine.dmaMemory = readMemoryRange(value, "dma-memory");
+    });
+    section.optional("cached-buffer", [&](const YAML::Node& value) {
+        machine.cachedBuffer = readMemoryRange(value, "cached-buffer");
+    });
+    section.optional("gpio", [&](const YAML::Node& value) { machine.gpioChips = readGpioChips(value); });
+    section.optional("platform",
+                     [&](const YAML::Node& value) { machine.platformDevices = readPlatformDevices(value); });
+    section.optional("files", [&](const YAML::Node& value) { machine.files = readFiles(value); });
     return machine;
 }
 
@@ -320,8 +303,53 @@ std::string readWhole(const std::filesystem::path& file) {
     return text;
 }
 
+/** Looks for a text among the scalars of a file. */
+class TextFinder : public YAML::EventHandler {
+ public:
+    explicit TextFinder(const std::string& text) : text_(text) {}
+
+    [[nodiscard]] std::optional<YAML::Mark> found() const { return found_; }
+
+    void OnScalar(const YAML::Mark& mark, const std::string& /*tag*/, YAML::anchor_t /*anchor*/,
+                  const std::string& value) override {
+        if (value.find(text_) != std::string::npos) {
+            found_ = mark;
+        }
+    }
+    void OnDocumentStart(const YAML::Mark& /*mark*/) override {}
+    void OnDocumentEnd() override {}
+    void OnNull(const YAML::Mark& /*mark*/, YAML::anchor_t /*anchor*/) override {}
+    void OnAlias(const YAML::Mark& /*mark*/, YAML::anchor_t /*anchor*/) override {}
+    void OnSequenceStart(const YAML::Mark& /*mark*/, const std::string& /*tag*/, YAML::anchor_t /*anchor*/,
+                         YAML::EmitterStyle::value /*style*/) override {}
+    void OnSequenceEnd() override {}
+    void OnMapStart(const YAML::Mark& /*mark*/, const std::string& /*tag*/, YAML::anchor_t /*anchor*/,
+                    YAML::EmitterStyle::value /*style*/) override {}
+    void OnMapEnd() override {}
+
+ private:
+    std::string text_;
+    std::optional<YAML::Mark> found_;
+};
+
+/** The parser takes the rest of the file into an open quote, and so what would be a comment behind its end.
+ */
+void refuseUnclosedQuote(const std::string& text) {
+    const std::string comment = "# behind the end of the description";
+    std::istringstream stream(text + "\n" + comment + "\n");
+    YAML::Parser parser(stream);
+    TextFinder finder(comment);
+    while (parser.HandleNextDocument(finder)) {
+    }
+    if (const auto mark = finder.found()) {
+        throw DescriptionError("the quote that begins here is not closed",
+                               {.line = mark->line + 1, .column = mark->column + 1});
+    }
+}
+
 MachineDescription readChecked(const std::filesystem::path& file) {
     const std::string text = readWhole(file);
+    refuseUnclosedQuote(text);
     const std::vector<YAML::Node> documents = YAML::LoadAll(text);
     if (documents.empty() || documents.front().IsNull()) {
         throw DescriptionError("the file is empty");
@@ -330,26 +358,27 @@ MachineDescription readChecked(const std::filesystem::path& file) {
         throw DescriptionError("the file holds more than one document", positionOf(documents[1]));
     }
     MachineDescription machine = readMachine(documents.front());
-    validate(machine);
+    if (!Mistakes::wereMet()) {
+        validate(machine);
+    }
     return machine;
-}
-
-DescriptionError located(const std::filesystem::path& file, Position position, const std::string& reason) {
-    const std::string place = position.line == 0 ? "" : format(":%d:%d", position.line, position.column);
-    return {file.string() + place + ": " + reason, position};
 }
 
 }  // namespace
 
 MachineDescription readDescription(const std::filesystem::path& file) {
-    try {
-        return readChecked(file);
-    } catch (const DescriptionError& error) {
-        throw located(file, error.position(), error.what());
-    } catch (const YAML::Exception& error) {
-        throw located(file, {.line = error.mark.line + 1, .column = error.mark.column + 1},
-                      "this is no YAML: " + error.msg);
-    }
+    Mistakes mistakes;
+    MachineDescription machine;
+    Mistakes::collect([&] {
+        try {
+            machine = readChecked(file);
+        } catch (const YAML::Exception& error) {
+            throw DescriptionError("this is no YAML: " + error.msg,
+                                   {.line = error.mark.line + 1, .column = error.mark.column + 1});
+        }
+    });
+    mistakes.throwIfAny(file);
+    return machine;
 }
 
 }  // namespace kvsim

@@ -13,9 +13,7 @@ UioMap readMap(const YAML::Node& node) {
     map.position = section.position();
     section.optionalText("name", map.name);
     section.optionalNumber("offset", map.offset);
-    if (section.has("registers")) {
-        map.registers = readRegisters(section.required("registers"));
-    }
+    section.optional("registers", [&](const YAML::Node& value) { map.registers = readRegisters(value); });
     return map;
 }
 
@@ -28,10 +26,9 @@ std::vector<AxiDevice> readAxiDevices(const YAML::Node& list) {
         AxiDevice device{.name = section.text("name")};
         device.position = section.position();
         section.optionalNumber("irq", device.irq);
-        if (section.has("maps")) {
-            forEach(section.required("maps"), "maps",
-                    [&device](const YAML::Node& map) { device.maps.push_back(readMap(map)); });
-        }
+        section.optional("maps", [&](const YAML::Node& maps) {
+            forEach(maps, "maps", [&](const YAML::Node& map) { device.maps.push_back(readMap(map)); });
+        });
         devices.push_back(std::move(device));
     });
     return devices;

@@ -6,6 +6,7 @@
 
 #include "active/boards/board.h"
 #include "description/checks.h"
+#include "description/mistakes.h"
 #include "kvsim/description.h"
 #include "layout/format.h"
 #include "layout/machine_layout.h"
@@ -31,19 +32,23 @@ class BarChecks {
     void check(const PciFunction& function) {
         std::set<unsigned> taken;
         for (const Bar& bar : function.bars) {
-            checkRange(bar);
-            takeIndex(function, bar, bar.index, taken);
-            if (isWide(bar)) {
-                takeIndex(function, bar, bar.index + 1, taken);
-            }
-            requireRegisters(bar.registers, "BAR", bar.sizeBytes, bar.position);
-            AddressRanges& ranges = bar.space == BarSpace::Io ? ioRanges_ : memoryRanges_;
-            ranges.add(format("BAR %u of %s", bar.index, pciName(function).c_str()), bar.address,
-                       bar.sizeBytes, bar.position);
+            Mistakes::attempt([&] { checkBar(function, bar, taken); });
         }
     }
 
  private:
+    void checkBar(const PciFunction& function, const Bar& bar, std::set<unsigned>& taken) {
+        checkRange(bar);
+        takeIndex(function, bar, bar.index, taken);
+        if (isWide(bar)) {
+            takeIndex(function, bar, bar.index + 1, taken);
+        }
+        requireRegisters(bar.registers, "BAR", bar.sizeBytes, bar.position);
+        AddressRanges& ranges = bar.space == BarSpace::Io ? ioRanges_ : memoryRanges_;
+        ranges.add(format("BAR %u of %s", bar.index, pciName(function).c_str()), bar.address, bar.sizeBytes,
+                   bar.position);
+    }
+
     static void checkRange(const Bar& bar) {
         const bool isIo = bar.space == BarSpace::Io;
         const unsigned minimum = isIo ? kMinIoBarSize : kMinMemoryBarSize;
@@ -134,10 +139,24 @@ void checkFunctionFields(const PciFunction& function) {
 void checkPciDrivers(const std::vector<PciDriver>& drivers) {
     std::set<std::string> names;
     for (const PciDriver& driver : drivers) {
-        requireFileName(driver.name, "a driver", driver.position);
-        if (!names.insert(driver.name).second) {
-            refuse("there are two PCI drivers named " + driver.name, driver.position);
-        }
+        Mistakes::attempt([&] {
+            requireFileName(driver.name, "a driver", driver.position);
+            if (!names.insert(driver.name).second) {
+                refuse("there are two PCI drivers named " + driver.name, driver.position);
+            }
+        });
+    }
+}
+
+void checkBridge(const PciFunction& function, std::set<unsigned>& buses) {
+    const bool isNewBus = buses.insert(*function.secondaryBus).second;
+    if (*function.secondaryBus <= function.bus) {
+        refuse(format("a bridge on bus %u can't lead to bus %u: numbers grow with the distance from bus 0",
+                      function.bus, *function.secondaryBus),
+               function.position);
+    }
+    if (!isNewBus) {
+        refuse(format("two bridges lead to bus %u", *function.secondaryBus), function.position);
     }
 }
 
@@ -145,32 +164,29 @@ void checkPci(const MachineDescription& description) {
     std::set<std::string> addresses;
     std::set<unsigned> buses = {0};
     for (const PciFunction& function : description.pciFunctions) {
-        checkFunctionFields(function);
-        if (!addresses.insert(pciName(function)).second) {
-            refuse(pciName(function) + " is described twice", function.position);
-        }
-        if (!function.secondaryBus) {
-            continue;
-        }
-        if (*function.secondaryBus <= function.bus) {
-            refuse(
-                format("a bridge on bus %u can't lead to bus %u: numbers grow with the distance from bus 0",
-                       function.bus, *function.secondaryBus),
-                function.position);
-        }
-        if (!buses.insert(*function.secondaryBus).second) {
-            refuse(format("two bridges lead to bus %u", *function.secondaryBus), function.position);
+        Mistakes::attempt([&] { checkFunctionFields(function); });
+        Mistakes::attempt([&] {
+            if (!addresses.insert(pciName(function)).second) {
+                refuse(pciName(function) + " is described twice", function.position);
+            }
+        });
+        if (function.secondaryBus) {
+            Mistakes::attempt([&] { checkBridge(function, buses); });
         }
     }
     BarChecks barChecks;
     for (const PciFunction& function : description.pciFunctions) {
-        if (!buses.contains(function.bus)) {
-            refuse(format("no bridge leads to bus %u", function.bus), function.position);
-        }
+        Mistakes::attempt([&] {
+            if (!buses.contains(function.bus)) {
+                refuse(format("no bridge leads to bus %u", function.bus), function.position);
+            }
+        });
         barChecks.check(function);
-        checkBoard(function);
+        Mistakes::attempt([&] { checkBoard(function); });
     }
-    checkWindows(description.pciFunctions);
+    if (!Mistakes::wereMet()) {
+        Mistakes::attempt([&] { checkWindows(description.pciFunctions); });
+    }
     checkPciDrivers(description.pciDrivers);
 }
 
@@ -178,40 +194,47 @@ class ClassDeviceChecks {
  public:
     void check(const std::vector<ClassDevice>& devices) {
         for (const ClassDevice& device : devices) {
-            requireFileName(device.className, "a device class", device.position);
-            requireFileName(device.name, "a device", device.position);
-            if (!names_.emplace(device.className, device.name).second) {
-                refuse(format("there are two %s devices named %s", device.className.c_str(),
-                              device.name.c_str()),
-                       device.position);
-            }
-            for (const auto& [name, text] : device.attributes) {
-                requireFileName(name, "an attribute", device.position);
-            }
-            if (device.terminal && device.className != "tty") {
-                refuse("a " + device.className + " device is no terminal", device.position);
-            }
+            Mistakes::attempt([&] { checkDevice(device); });
         }
     }
 
  private:
-    std::set<std::pair<std::string, std::string>> names_ = {{"hwmon", "hwmon0"}};
-};
-
-void checkPlatformDevices(const std::vector<PlatformDevice>& devices) {
-    std::set<std::string> names = {"rttm", "ember-thermal"};  // the machine's own
-    for (const PlatformDevice& device : devices) {
-        const std::filesystem::path path(device.name);
-        for (const auto& component : path) {
-            requireFileName(component == "/" ? "" : component.string(), "a platform device", device.position);
-        }
-        requireFileName(path.filename(), "a platform device", device.position);
-        if (!names.insert(path.filename()).second) {
-            refuse("there are two platform devices named " + path.filename().string(), device.position);
+    void checkDevice(const ClassDevice& device) {
+        requireFileName(device.className, "a device class", device.position);
+        requireFileName(device.name, "a device", device.position);
+        if (!names_.emplace(device.className, device.name).second) {
+            refuse(format("there are two %s devices named %s", device.className.c_str(), device.name.c_str()),
+                   device.position);
         }
         for (const auto& [name, text] : device.attributes) {
             requireFileName(name, "an attribute", device.position);
         }
+        if (device.terminal && device.className != "tty") {
+            refuse("a " + device.className + " device is no terminal", device.position);
+        }
+    }
+
+    std::set<std::pair<std::string, std::string>> names_ = {{"hwmon", "hwmon0"}};
+};
+
+void checkPlatformDevice(const PlatformDevice& device, std::set<std::string>& names) {
+    const std::filesystem::path path(device.name);
+    for (const auto& component : path) {
+        requireFileName(component == "/" ? "" : component.string(), "a platform device", device.position);
+    }
+    requireFileName(path.filename(), "a platform device", device.position);
+    if (!names.insert(path.filename()).second) {
+        refuse("there are two platform devices named " + path.filename().string(), device.position);
+    }
+    for (const auto& [name, text] : device.attributes) {
+        requireFileName(name, "an attribute", device.position);
+    }
+}
+
+void checkPlatformDevices(const std::vector<PlatformDevice>& devices) {
+    std::set<std::string> names = {"rttm", "ember-thermal"};  // the machine's own
+    for (const PlatformDevice& device : devices) {
+        Mistakes::attempt([&] { checkPlatformDevice(device, names); });
     }
 }
 
@@ -219,16 +242,13 @@ bool isBelow(const std::string& path, const std::string& folder) {
     return path.starts_with(folder + "/") && path.size() > folder.size() + 1;
 }
 
-void checkFiles(const std::vector<PlainFile>& files) {
-    for (const PlainFile& file : files) {
-        const auto below = [&file](const char* folder) { return isBelow(file.path, folder); };
-        const bool isPlain = std::filesystem::path(file.path).lexically_normal() == file.path &&
-                             file.path.find('\0') == std::string::npos && !file.path.ends_with('/');
-        if (!isPlain || std::ranges::none_of(kMachineFolders, below) ||
-            std::ranges::any_of(kDeskFolders, below)) {
-            refuse(format("\"%s\" is no path in the folders of the machine", file.path.c_str()),
-                   file.position);
-        }
+void checkFile(const PlainFile& file) {
+    const auto below = [&file](const char* folder) { return isBelow(file.path, folder); };
+    const bool isPlain = std::filesystem::path(file.path).lexically_normal() == file.path &&
+                         file.path.find('\0') == std::string::npos && !file.path.ends_with('/');
+    if (!isPlain || std::ranges::none_of(kMachineFolders, below) ||
+        std::ranges::any_of(kDeskFolders, below)) {
+        refuse(format("\"%s\" is no path in the folders of the machine", file.path.c_str()), file.position);
     }
 }
 
@@ -252,7 +272,9 @@ void validate(const MachineDescription& description) {
     for (const PlatformDevice& device : description.platformDevices) {
         classDeviceChecks.check(device.classDevices);
     }
-    checkFiles(description.files);
+    for (const PlainFile& file : description.files) {
+        Mistakes::attempt([&] { checkFile(file); });
+    }
 }
 
 }  // namespace kvsim

@@ -2,6 +2,7 @@
 #include <set>
 
 #include "description/checks.h"
+#include "description/mistakes.h"
 #include "layout/format.h"
 
 namespace kvsim {
@@ -25,26 +26,29 @@ bool isChipName(const std::string& name) {
            name.find_first_not_of("0123456789", prefix.size()) == std::string::npos;
 }
 
+void checkChip(const GpioChip& chip, std::set<std::string>& names) {
+    if (!isChipName(chip.name)) {
+        refuse(format("\"%s\" is no name of a GPIO chip, as gpiochip0 is", chip.name.c_str()), chip.position);
+    }
+    if (!names.insert(chip.name).second) {
+        refuse("there are two GPIO chips named " + chip.name, chip.position);
+    }
+    requireGpioName(chip.label, "label of a GPIO chip", chip.position);
+    if (chip.lines.empty() || chip.lines.rbegin()->first > kMaxGpioOffset) {
+        refuse(format("%s has no lines with offsets from 0 to %u", chip.name.c_str(), kMaxGpioOffset),
+               chip.position);
+    }
+    for (const auto& [offset, name] : chip.lines) {
+        requireGpioName(name, "name of a GPIO line", chip.position);
+    }
+}
+
 }  // namespace
 
 void checkGpio(const std::vector<GpioChip>& chips) {
     std::set<std::string> names;
     for (const GpioChip& chip : chips) {
-        if (!isChipName(chip.name)) {
-            refuse(format("\"%s\" is no name of a GPIO chip, as gpiochip0 is", chip.name.c_str()),
-                   chip.position);
-        }
-        if (!names.insert(chip.name).second) {
-            refuse("there are two GPIO chips named " + chip.name, chip.position);
-        }
-        requireGpioName(chip.label, "label of a GPIO chip", chip.position);
-        if (chip.lines.empty() || chip.lines.rbegin()->first > kMaxGpioOffset) {
-            refuse(format("%s has no lines with offsets from 0 to %u", chip.name.c_str(), kMaxGpioOffset),
-                   chip.position);
-        }
-        for (const auto& [offset, name] : chip.lines) {
-            requireGpioName(name, "name of a GPIO line", chip.position);
-        }
+        Mistakes::attempt([&] { checkChip(chip, names); });
     }
 }
 

@@ -3,6 +3,7 @@
 #include <set>
 
 #include "description/checks.h"
+#include "description/mistakes.h"
 #include "layout/format.h"
 #include "layout/machine_layout.h"
 #include "layout/page.h"
@@ -86,7 +87,7 @@ void checkSoc(const MachineDescription& description) {
     AddressRanges memory;
     for (const PciFunction& function : description.pciFunctions) {
         for (const Bar& bar : function.bars) {
-            if (bar.space != BarSpace::Io) {
+            if (bar.space != BarSpace::Io && !Mistakes::wereMet()) {
                 memory.add(format("BAR %u of %s", bar.index, pciName(function).c_str()), bar.address,
                            bar.sizeBytes, bar.position);
             }
@@ -94,19 +95,23 @@ void checkSoc(const MachineDescription& description) {
     }
     std::set<std::string> names;
     for (const AxiDevice& device : description.axiDevices) {
-        checkAxiDevice(device);
-        if (!names.insert(device.name).second) {
-            refuse("there are two AXI devices named " + device.name, device.position);
-        }
-        for (std::size_t index = 0; index < device.maps.size(); ++index) {
-            const UioMap& map = device.maps[index];
-            memory.add(nameOf(device, index), map.address, map.sizeBytes, map.position);
-        }
+        Mistakes::attempt([&] {
+            checkAxiDevice(device);
+            if (!names.insert(device.name).second) {
+                refuse("there are two AXI devices named " + device.name, device.position);
+            }
+            for (std::size_t index = 0; index < device.maps.size(); ++index) {
+                const UioMap& map = device.maps[index];
+                memory.add(nameOf(device, index), map.address, map.sizeBytes, map.position);
+            }
+        });
     }
     const auto add = [&memory](const char* name, const std::optional<MemoryRange>& range) {
         if (range) {
-            requireMemory(name, range->address, range->sizeBytes, range->position);
-            memory.add(name, range->address, range->sizeBytes, range->position);
+            Mistakes::attempt([&] {
+                requireMemory(name, range->address, range->sizeBytes, range->position);
+                memory.add(name, range->address, range->sizeBytes, range->position);
+            });
         }
     };
     add("the DMA memory", description.dmaMemory);

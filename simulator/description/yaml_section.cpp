@@ -3,37 +3,19 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <numeric>
 #include <set>
-#include <string_view>
-#include <vector>
+
+#include "description/mistakes.h"
+#include "description/nearest_word.h"
 
 namespace kvsim {
 
 namespace {
 
-/** How many letters must be changed, added or taken away to make one word of the other. */
-std::size_t editDistance(std::string_view a, std::string_view b) {
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        std::size_t diagonal = row[0]++;
-        for (std::size_t j = 0; j < b.size(); ++j) {
-            const std::size_t replaced = diagonal + (a[i] == b[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
-        }
-    }
-    return row.back();
-}
-
 std::string unknownKey(const std::string& key, const std::string& what,
                        const std::initializer_list<const char*>& knownKeys) {
-    constexpr std::size_t kMaxTypingErrors = 2;
-    const char* const nearest = *std::ranges::min_element(
-        knownKeys, {}, [&key](const char* known) { return editDistance(key, known); });
-    if (editDistance(key, nearest) <= kMaxTypingErrors) {
-        return what + " has no key \"" + key + "\": did you mean \"" + nearest + "\"?";
+    if (const auto nearest = nearestWord(key, {knownKeys.begin(), knownKeys.end()})) {
+        return what + " has no key \"" + key + "\": did you mean \"" + *nearest + "\"?";
     }
     std::string reason = what + " has no key \"" + key + "\", only";
     for (const char* known : knownKeys) {
@@ -50,11 +32,13 @@ void forEachKey(const YAML::Node& map, const std::string& what,
     }
     std::set<std::string> keys;
     for (const auto& entry : map) {
-        const std::string key = readText(entry.first, "a key");
-        if (!keys.insert(key).second) {
-            throw DescriptionError("\"" + key + "\" is given twice", positionOf(entry.first));
-        }
-        readEntry(entry.first, entry.second);
+        Mistakes::attempt([&] {
+            const std::string key = readText(entry.first, "a key");
+            if (!keys.insert(key).second) {
+                throw DescriptionError("\"" + key + "\" is given twice", positionOf(entry.first));
+            }
+            readEntry(entry.first, entry.second);
+        });
     }
 }
 
@@ -130,7 +114,7 @@ void forEach(const YAML::Node& list, const std::string& name,
         throw DescriptionError(name + " must be a list", positionOf(list));
     }
     for (const YAML::Node& entry : list) {
-        readEntry(entry);
+        Mistakes::attempt([&] { readEntry(entry); });
     }
 }
 
@@ -152,16 +136,24 @@ YAML::Node YamlSection::required(const char* key) const {
     return value;
 }
 
-void YamlSection::optionalText(const char* key, std::string& target) const {
+std::string YamlSection::text(const char* key) const {
+    std::string text;
+    Mistakes::attempt([&] { text = readText(required(key), key); });
+    return text;
+}
+
+void YamlSection::optional(const char* key, const std::function<void(const YAML::Node&)>& read) const {
     if (has(key)) {
-        target = text(key);
+        Mistakes::attempt([&] { read(node_[key]); });
     }
 }
 
+void YamlSection::optionalText(const char* key, std::string& target) const {
+    optional(key, [&](const YAML::Node& node) { target = readText(node, key); });
+}
+
 void YamlSection::optionalDecimal(const char* key, double& target) const {
-    if (has(key)) {
-        target = readDecimal(required(key), key);
-    }
+    optional(key, [&](const YAML::Node& node) { target = readDecimal(node, key); });
 }
 
 }  // namespace kvsim

@@ -8,6 +8,7 @@
 
 #include <yaml-cpp/yaml.h>
 
+#include "description/mistakes.h"
 #include "kvsim/description.h"
 
 namespace kvsim {
@@ -34,7 +35,10 @@ std::map<std::uint32_t, std::uint32_t> readRegisters(const YAML::Node& map);
 void forEach(const YAML::Node& list, const std::string& name,
              const std::function<void(const YAML::Node&)>& readEntry);
 
-/** One map of a description. Refuses, at its making, whatever is no map or holds a key that it doesn't know.
+/**
+ * One map of a description. Refuses, at its making, whatever is no map or holds a key that it doesn't know.
+ * While mistakes are collected, what can't be read is left out, and what must be there is empty or the lowest
+ * number.
  */
 class YamlSection {
  public:
@@ -45,22 +49,26 @@ class YamlSection {
     /** The value of a key that must be there. */
     [[nodiscard]] YAML::Node required(const char* key) const;
 
-    [[nodiscard]] std::string text(const char* key) const { return readText(required(key), key); }
+    [[nodiscard]] std::string text(const char* key) const;
 
     /** A number between the bounds, which are those of the type unless they are given. */
     template <typename Number>
     [[nodiscard]] Number number(const char* key, std::int64_t first = lowest<Number>(),
                                 std::int64_t last = highest<Number>()) const {
-        return static_cast<Number>(readNumber(required(key), key, first, last));
+        std::int64_t number = first;
+        Mistakes::attempt([&] { number = readNumber(required(key), key, first, last); });
+        return static_cast<Number>(number);
     }
 
+    /** Calls with the value of a key, where there is one. */
+    void optional(const char* key, const std::function<void(const YAML::Node&)>& read) const;
     /** As text() and number(), and leaves the target as it is where there is no such key. */
     void optionalText(const char* key, std::string& target) const;
     template <typename Number>
     void optionalNumber(const char* key, Number& target) const {
-        if (has(key)) {
-            target = number<Number>(key);
-        }
+        optional(key, [&](const YAML::Node& node) {
+            target = static_cast<Number>(readNumber(node, key, lowest<Number>(), highest<Number>()));
+        });
     }
     void optionalDecimal(const char* key, double& target) const;
 

@@ -51,6 +51,10 @@ int check(const std::string& nameOrPath) {
     const auto file = kvsim::findMachine(nameOrPath);
     const kvsim::MachineDescription machine = kvsim::readDescription(file);
     std::printf("%s: %s\n", file.c_str(), counts(machine).c_str());
+    for (const kvsim::Hint& hint : kvsim::hintsFor(machine)) {
+        kvsim::printMessage(file.string() + ":" + std::to_string(hint.position.line) + ":" +
+                            std::to_string(hint.position.column) + ": hint: " + hint.text);
+    }
     return 0;
 }
 

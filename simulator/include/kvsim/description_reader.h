@@ -11,9 +11,19 @@ namespace kvsim {
 
 /**
  * Reads and validates a machine described in YAML. Throws DescriptionError with "FILE:LINE:COLUMN: reason",
- * or "FILE: reason" where the file as a whole is at fault.
+ * or "FILE: reason" where the file as a whole is at fault, one line for each mistake. What is wrong with how
+ * devices fit together is looked at when each of them is sound.
  */
 KVSIM_EXPORT MachineDescription readDescription(const std::filesystem::path& file);
+
+/** Something in a description that is possible, and probably not meant. */
+struct Hint {
+    std::string text;
+    Position position;
+};
+
+/** In the order of the description. */
+std::vector<Hint> hintsFor(const MachineDescription& machine);
 
 /**
  * The folders in which machines are looked up by name: those of the environment's KVSIM_MACHINES, separated

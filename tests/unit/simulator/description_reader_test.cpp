@@ -110,11 +110,79 @@ constexpr BadDescription kBadDescriptions[] = {
     {"DriverThatIsAPath", "summary: x\npci-drivers: [a/b]\n", "2:15: \"a/b\" can't be the name of a driver"},
     {"DriverWithABadIdentity", "summary: x\npci-drivers:\n  - {name: a, ids: [8086]}\n",
      "3:21: ids: \"8086\" is no pair of four hexadecimal digits each, as in 8086:1533"},
+    {"OpenDoubleQuote", "summary: x\nserial-number: \"1000\ncpus: 2\n",
+     "2:16: the quote that begins here is not closed"},
+    {"OpenSingleQuoteAtTheEnd", "summary: 'x", "1:10: the quote that begins here is not closed"},
     {"DriverTwice", "summary: x\npci-drivers: [a, {name: a}]\n", "2:18: there are two PCI drivers named a"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Bad, DescriptionReaderRefusal, testing::ValuesIn(kBadDescriptions),
                          [](const auto& instance) { return instance.param.name; });
+
+TEST(DescriptionReader, ListsAllMistakesInTheirOrder) {
+    const TemporaryFolder folder;
+    const std::pair<const char*, std::vector<const char*>> cases[] = {
+        {"cpu: 4\nserial-number: [1]\npci:\n  - {slot: 1x, id: 8086, irq: 999, bars: [{index: 0}, {size: "
+         "4}]}\n"
+         "  - {slot: 2, id: 8086:1533, express: {wide: 1}, devices: [{class: net}]}\n",
+         {":1:1: a machine has no key \"cpu\": did you mean \"cpus\"?",
+          ":1:1: a machine lacks the key \"summary\"", ":2:16: serial-number must be a single value",
+          ":4:12: slot: \"1x\" is no number",
+          ":4:20: id: \"8086\" is no pair of four hexadecimal digits each, as in 8086:1533",
+          ":4:31: irq: 999 is not in the range 0 to 255", ":4:43: a BAR lacks the key \"address\"",
+          ":4:43: a BAR lacks the key \"size\"", ":4:55: a BAR lacks the key \"address\"",
+          ":4:55: a BAR lacks the key \"index\"",
+          ":5:40: express has no key \"wide\": did you mean \"width\"?",
+          ":5:60: a device lacks the key \"name\""}},
+        {"summary: x\nfiles:\n  - {path: /etc/a, text: y}\n  - {path: /etc/b, text: y}\naxi: [{name: a "
+         "b}]\npci:\n"
+         "  - {slot: 40, id: 1b5a:0001, bars: [{index: 9, address: 4096, size: 16}, {index: 1, address: 1, "
+         "size: 3}]}\n"
+         "  - {slot: 1, id: 1b5a:0001, board: none, devices: [{class: a/b, name: c}]}\n",
+         {":3:5: \"/etc/a\" is no path in the folders of the machine",
+          ":4:5: \"/etc/b\" is no path in the folders of the machine",
+          ":5:7: \"a b\" is no single word, as the name of an AXI device is",
+          ":7:5: the slot 0x28 is not in the range 0x0 to 0x1f", ":7:38: there is no BAR 9: a device has 6",
+          ":7:75: the size 0x3 of BAR 1 is not a power of two of at least 16",
+          ":8:5: there is no board \"none\", only analog-io",
+          ":8:53: \"a/b\" can't be the name of a device class"}},
+    };
+    for (const auto& [text, mistakes] : cases) {
+        const std::string file = folder.write("bad.yaml", text);
+        std::string expected;
+        for (const char* mistake : mistakes) {
+            expected += (expected.empty() ? "" : "\n") + file + mistake;
+        }
+        EXPECT_EQ(refusalOf(file), expected);
+    }
+    std::string many = "summary: x\npci:\n";
+    for (int i = 0; i < 30; ++i) {
+        many += "  - no map\n";
+    }
+    const std::string endless = folder.write("endless.yaml", many);
+    EXPECT_THAT(refusalOf(endless), testing::EndsWith("\n" + endless + ": there may be more"));
+}
+
+TEST(DescriptionReader, HintsAtWhatIsProbablyNotMeant) {
+    const TemporaryFolder folder;
+    const auto hints = kvsim::hintsFor(readDescription(folder.write("odd.yaml", R"(
+summary: x
+pci-drivers: [ours]
+pci:
+  - {slot: 1, id: 1b5a:0001, driver: uio_kelvar, irq: 4}
+  - {slot: 2, id: 1b5a:0001, driver: uio_kelvaro}
+  - {slot: 3, id: 1b5a:0001, driver: ours}
+  - {slot: 4, id: 1b5a:0001, driver: somebodys}
+  - {slot: 5, id: 1b5a:0001, driver: uio_kelvaro, irq: 5}
+)")));
+    ASSERT_EQ(hints.size(), 3U);
+    EXPECT_EQ(hints[0].text, "the driver \"uio_kelvar\" is unknown: did you mean \"uio_kelvaro\"?");
+    EXPECT_EQ(hints[0].position.line, 5);
+    EXPECT_EQ(hints[1].text, "uio_kelvaro makes no /dev/uioN for a function without an irq");
+    EXPECT_EQ(hints[2].text,
+              "the driver \"somebodys\" is unknown, and does nothing but hold the function; pci-drivers may "
+              "name it");
+}
 
 TEST(DescriptionReader, RefusesWhatIsNoReadableFile) {
     const TemporaryFolder folder;
