@@ -1,9 +1,10 @@
 #include "BaseRateLoop.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <string>
+#include <utility>
 
-#include "Pace.h"
 #include "duration_text.h"
 #include "kernel_log.h"
 #include "model_error.h"
@@ -17,12 +18,12 @@ namespace trivial = boost::log::trivial;
 }  // namespace
 
 BaseRateLoop::BaseRateLoop(const Model& model, std::chrono::nanoseconds stopTime,
-                           const std::atomic<bool>& stopRequested)
-    : model_(model), stopTime_(stopTime), stopRequested_(stopRequested) {}
+                           const std::atomic<bool>& stopRequested, TriggerWatch watch)
+    : model_(model), stopTime_(stopTime), stopRequested_(stopRequested), watch_(std::move(watch)) {}
 
 void BaseRateLoop::run() {
     const RunEnd end(stopTime_, stopRequested_);
-    const auto pace = makePace(model_, end);
+    const auto pace = makePace(model_, end, watch_);
     bool goesOn = true;
     while (goesOn) {
         Trigger next;
@@ -34,6 +35,9 @@ void BaseRateLoop::run() {
         if (goesOn) {
             takeStep(next.due);
         }
+    }
+    if (steps_ == 0) {
+        throw std::runtime_error("the run ended before its first step");
     }
 }
 

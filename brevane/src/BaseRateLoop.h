@@ -7,6 +7,7 @@
 #include <brevane/Kernel.h>
 
 #include "LatencyHistogram.h"
+#include "Pace.h"
 
 namespace brevane {
 
@@ -15,12 +16,13 @@ class BaseRateLoop {
  public:
     /** @param stopTime zero for no end */
     BaseRateLoop(const Model& model, std::chrono::nanoseconds stopTime,
-                 const std::atomic<bool>& stopRequested);
+                 const std::atomic<bool>& stopRequested, TriggerWatch watch);
 
     /**
      * Runs on the calling thread until the stop time or a request to stop.
      *
-     * @throw std::runtime_error with the model's error status; whatever a step throws passes through
+     * @throw std::runtime_error with the model's error status, or where a trigger is missing or no step was
+     *        taken; whatever a step throws passes through
      */
     void run();
 
@@ -36,6 +38,7 @@ class BaseRateLoop {
     const Model& model_;
     std::chrono::nanoseconds stopTime_;
     const std::atomic<bool>& stopRequested_;
+    TriggerWatch watch_;
 
     LatencyHistogram latency_;
     std::chrono::nanoseconds lastLatency_{0};

@@ -55,7 +55,7 @@ bool succeeds(RunReport& report, Stage&& stage) {
     } catch (const std::exception& failure) {
         log(trivial::error, "model " + report.model + ": " + failure.what());
         if (report.error.empty()) {
-            report.error = failure.what();
+            report.error = *failure.what() != '\0' ? failure.what() : "an error without a text";
         }
         return false;
     }
@@ -74,6 +74,11 @@ void terminate(const Model& model) {
     }
 }
 
+std::string triggerDeviceOf(const Model& model) {
+    const char* name = model.triggerDevice != nullptr ? model.triggerDevice() : nullptr;
+    return name != nullptr ? name : "";
+}
+
 std::string reasonText(int errorNumber) {
     return std::string(" (") + std::strerror(errorNumber) + ')';
 }
@@ -86,6 +91,14 @@ void Kernel::setStopTime(std::chrono::nanoseconds stopTime) {
     stopTime_ = stopTime;
 }
 
+void Kernel::setMaxSkipped(double percent) {
+    maxSkippedPercent_ = percent;
+}
+
+void Kernel::setTriggerTimeout(std::chrono::nanoseconds timeout) {
+    triggerTimeout_ = timeout;
+}
+
 void Kernel::stop() noexcept {
     stopRequested_ = true;
 }
@@ -95,6 +108,7 @@ RunReport Kernel::run() {
     RunReport report;
     report.model = model_.name;
     report.triggered = model_.awaitTrigger != nullptr;
+    report.maxSkippedPercent = maxSkippedPercent_;
     succeeds(report, [&] {
         if (used_.exchange(true)) {
             throw std::logic_error("this kernel has run its model already");
@@ -120,6 +134,7 @@ void Kernel::runModel(RunReport& report) {
     const bool started = succeeds(report, [&] { initialize(model_); }) && succeeds(report, [&] {
                              services.start();
                              runStartCallbacks();
+                             report.triggerDevice = triggerDeviceOf(model_);
                          });
     if (started) {
         runBaseRate(report);
@@ -134,7 +149,7 @@ void Kernel::runBaseRate(RunReport& report) {
     log(trivial::info, "model " + model_.name + " runs, " +
                            (report.triggered ? "its steps called by its trigger"
                                              : "base period " + durationText(model_.basePeriod)));
-    BaseRateLoop loop(model_, stopTime_, stopRequested_);
+    BaseRateLoop loop(model_, stopTime_, stopRequested_, {report.triggerDevice, triggerTimeout_});
     {
         const LockedMemory memory;
         if (memory.error() != 0) {
@@ -147,7 +162,9 @@ void Kernel::runBaseRate(RunReport& report) {
             log(trivial::warning, "no real-time rights" + reasonText(priority.error()) +
                                       ": running at normal priority, expect jitter");
         }
+        const auto begin = std::chrono::steady_clock::now();
         succeeds(report, [&] { loop.run(); });
+        report.duration = std::chrono::steady_clock::now() - begin;
     }
     loop.describe(report);
     log(trivial::info, "model " + model_.name + " ended after " + std::to_string(report.steps) + " steps");

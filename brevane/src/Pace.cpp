@@ -3,22 +3,38 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <stdexcept>
 
+#include "duration_text.h"
 #include "model_error.h"
 
 namespace brevane {
 
 namespace {
 
+constexpr std::chrono::milliseconds kShortestTriggerWait{1};
 /** A stop request that finds the model waiting for a trigger is noticed after this time at the latest. */
 constexpr std::chrono::milliseconds kLongestTriggerWait{100};
+
+/** A regular trigger that is silent for this long, and for so many periods, has stopped. */
+constexpr std::chrono::milliseconds kShortestSilence{500};
+constexpr int kShortestSilencePeriods = 10;
 
 }  // namespace
 
 bool ClockPace::await(Trigger& next) {
     next = lastDue_ ? following(*lastDue_) : Trigger{end_.origin(), 0};
     lastDue_ = next.due;
-    return !end_.hasComeBy(next.due) && sleepUntil(next.due);
+    if (end_.hasComeBy(next.due)) {
+        return false;
+    }
+    if (sleepUntil(next.due)) {
+        return true;
+    }
+    // Where the process was stopped as it slept, more periods have passed.
+    const auto late = RunEnd::Clock::now() - next.due;
+    next.missed += late > late.zero() ? static_cast<std::uint64_t>(late / period_) : 0;
+    return false;
 }
 
 Trigger ClockPace::following(RunEnd::Clock::time_point due) const {
@@ -45,25 +61,53 @@ bool ClockPace::sleepUntil(RunEnd::Clock::time_point due) const {
     return false;
 }
 
+TriggerPace::TriggerPace(const Model& model, const RunEnd& end, const TriggerWatch& watch)
+    : model_(model),
+      end_(end),
+      device_(watch.device),
+      timeout_(watch.timeout == watch.timeout.zero() ? watch.timeout.max() : watch.timeout) {}
+
 bool TriggerPace::await(Trigger& next) {
-    while (!end_.isRequested()) {
-        const auto timeLeft = std::chrono::ceil<std::chrono::milliseconds>(end_.timeLeft());
-        if (timeLeft <= timeLeft.zero()) {
-            return false;
-        }
+    const auto begin = RunEnd::Clock::now();
+    bool isLastWait = false;
+    while (!isLastWait) {
+        // The last wait begins when the time is over. It is short, and finds what fired during the last step
+        // or while the process was stopped.
+        const auto timeLeft = std::min(end_.timeLeft(), timeout_ - (RunEnd::Clock::now() - begin));
+        isLastWait = timeLeft <= timeLeft.zero();
         Trigger trigger;
-        if (model_.awaitTrigger(std::min(timeLeft, kLongestTriggerWait), trigger)) {
+        if (model_.awaitTrigger(std::clamp(std::chrono::ceil<std::chrono::milliseconds>(timeLeft),
+                                           kShortestTriggerWait, kLongestTriggerWait),
+                                trigger)) {
             next = trigger;
-            return !end_.isRequested() && !end_.hasComeBy(next.due);
+            const bool isDueInTheRun = !end_.isRequested() && !end_.hasComeBy(next.due);
+            steps_ += isDueInTheRun ? 1 : 0;
+            return isDueInTheRun;
         }
         throwModelError(model_);
     }
+    judgeSilence(RunEnd::Clock::now() - begin);
     return false;
 }
 
-std::unique_ptr<Pace> makePace(const Model& model, const RunEnd& end) {
+/** @throw std::runtime_error where the trigger was silent for longer than it may */
+void TriggerPace::judgeSilence(std::chrono::nanoseconds silence) const {
+    const bool isTimeout = silence >= timeout_;
+    const bool hasStopped = model_.triggerPeriod > model_.triggerPeriod.zero() &&
+                            silence >= kShortestSilence &&
+                            silence / model_.triggerPeriod >= kShortestSilencePeriods;
+    if (!isTimeout && !hasStopped && steps_ > 0) {
+        return;
+    }
+    throw std::runtime_error("no trigger" + (device_.empty() ? "" : " from " + device_) + " in " +
+                             durationText(silence) + " since " +
+                             (steps_ == 0 ? "the start" : "step " + std::to_string(steps_)) +
+                             (isTimeout ? "" : ", when the run was to end"));
+}
+
+std::unique_ptr<Pace> makePace(const Model& model, const RunEnd& end, const TriggerWatch& watch) {
     if (model.awaitTrigger != nullptr) {
-        return std::make_unique<TriggerPace>(model, end);
+        return std::make_unique<TriggerPace>(model, end, watch);
     }
     return std::make_unique<ClockPace>(model.basePeriod, end);
 }

@@ -4,10 +4,18 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include <brevane/Kernel.h>
 
 namespace brevane {
+
+/** Which device triggers the steps, and how long it may be silent. */
+struct TriggerWatch {
+    std::string device;
+    /** Zero for no limit. */
+    std::chrono::nanoseconds timeout;
+};
 
 /** When a run is to end. The run begins with the object. */
 class RunEnd {
@@ -23,8 +31,10 @@ class RunEnd {
     [[nodiscard]] bool hasComeBy(Clock::time_point moment) const noexcept {
         return moment - origin_ >= stopTime_;
     }
-    /** Not above zero once the stop time has come. */
-    [[nodiscard]] std::chrono::nanoseconds timeLeft() const { return stopTime_ - (Clock::now() - origin_); }
+    /** Not above zero once the stop time has come or a stop was requested. */
+    [[nodiscard]] std::chrono::nanoseconds timeLeft() const {
+        return isRequested() ? std::chrono::nanoseconds(0) : stopTime_ - (Clock::now() - origin_);
+    }
 
  private:
     std::chrono::nanoseconds stopTime_;
@@ -43,7 +53,7 @@ class Pace {
      * @param next when that was, and how many base periods passed without a step since the last one; their
      *             number holds at the run's end too
      * @return false when the run ends first
-     * @throw std::runtime_error with the model's error status
+     * @throw std::runtime_error with the model's error status, or where a trigger is missing
      */
     virtual bool await(Trigger& next) = 0;
 };
@@ -66,15 +76,20 @@ class ClockPace : public Pace {
 /** Steps whenever the model's trigger fires. */
 class TriggerPace : public Pace {
  public:
-    TriggerPace(const Model& model, const RunEnd& end) : model_(model), end_(end) {}
+    TriggerPace(const Model& model, const RunEnd& end, const TriggerWatch& watch);
     bool await(Trigger& next) override;
 
  private:
+    void judgeSilence(std::chrono::nanoseconds silence) const;
+
     const Model& model_;
     const RunEnd& end_;
+    std::string device_;
+    std::chrono::nanoseconds timeout_;
+    std::uint64_t steps_ = 0;
 };
 
 /** The pace that the model asks for. */
-std::unique_ptr<Pace> makePace(const Model& model, const RunEnd& end);
+std::unique_ptr<Pace> makePace(const Model& model, const RunEnd& end, const TriggerWatch& watch);
 
 }  // namespace brevane

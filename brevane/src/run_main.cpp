@@ -16,18 +16,24 @@ namespace brevane {
 
 namespace {
 
-constexpr int kExitGood = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
+constexpr const char* kExitStatuses =
+    "Exit status: 0 the run was good, 1 it failed or a file could not be written, 2 wrong usage,\n"
+    "3 more periods were skipped than --max-skipped permits.";
 
-// What is not a number compares false with everything, so the range is asked for, not excluded.
-std::string checkSeconds(const std::string& text) {
-    constexpr double kShortest = 1e-9;
-    constexpr double kLongest = 1e9;
-    double seconds = 0;
-    const bool inRange =
-        CLI::detail::lexical_cast(text, seconds) && seconds >= kShortest && seconds <= kLongest;
-    return inRange ? "" : "\"" + text + "\" is no number of seconds between 1e-9 and 1e9";
+/** Accepts numbers in a range that @p rangeText names. */
+CLI::Validator isInRange(double lowest, double highest, const std::string& rangeText) {
+    return {[=](const std::string& text) {
+                double value = 0;
+                // What is not a number compares false with everything.
+                const bool isIn =
+                    CLI::detail::lexical_cast(text, value) && value >= lowest && value <= highest;
+                return isIn ? "" : "\"" + text + "\" is not a number " + rangeText;
+            },
+            ""};
+}
+
+std::chrono::nanoseconds fromSeconds(double seconds) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
 }
 
 /** An option that names a file to write after the run. What can't be done is told on standard error. */
@@ -77,37 +83,101 @@ void printLatency(std::ostream& out, const RunReport& report) {
     }
 }
 
+/** What the command line sets. */
+struct Settings {
+    double stopTimeSeconds = 0;
+    double maxSkippedPercent = 0;
+    double triggerTimeoutSeconds = std::chrono::duration<double>(Kernel::kTriggerTimeout).count();
+};
+
+void addSettings(CLI::App& app, const Model& model, Settings& settings) {
+    constexpr double kShortest = 1e-9;
+    constexpr double kLongest = 1e9;
+    app.add_option("--stop-time", settings.stopTimeSeconds, "End the run after this time")
+        ->check(isInRange(kShortest, kLongest, "of seconds between 1e-9 and 1e9"))
+        ->type_name("SECONDS");
+    app.add_option("--max-skipped", settings.maxSkippedPercent,
+                   "Permit this share of periods without a step (default 0)")
+        ->check(isInRange(0, 100, "between 0 and 100"))
+        ->type_name("PERCENT");
+    if (model.awaitTrigger != nullptr) {
+        app.add_option("--trigger-timeout", settings.triggerTimeoutSeconds,
+                       "Fail when no trigger comes for this time (default 5); 0 waits without limit")
+            ->check(isInRange(0, kLongest, "of seconds between 0 and 1e9"))
+            ->type_name("SECONDS");
+    }
+}
+
+/** The files that the command line names. */
+class Files {
+ public:
+    Files(CLI::App& app, const Model& model)
+        : model_(model), latency_(app, "--latency", "Write the histogram of the latencies of the steps") {
+        if (model.record != nullptr) {
+            record_.emplace(app, "--record", "Write what the model records");
+        }
+    }
+
+    bool open() { return latency_.open() && (!record_ || record_->open()); }
+
+    /** Writes them all, whichever of them fail. */
+    bool write(const RunReport& report) {
+        const bool latencyWritten = latency_.write([&](std::ostream& out) { printLatency(out, report); });
+        const bool recordWritten = !record_ || record_->write(model_.record);
+        return latencyWritten && recordWritten;
+    }
+
+ private:
+    const Model& model_;
+    FileOption latency_;
+    std::optional<FileOption> record_;
+};
+
+bool printReport(const RunReport& report) {
+    std::cout << report << std::flush;
+    if (!std::cout) {
+        std::cerr << "the report can't be written to standard output" << std::endl;
+    }
+    return !std::cout.fail();
+}
+
+ExitStatus exitStatusOf(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::Good:
+            return kExitGood;
+        case Verdict::Overran:
+            return kExitOverran;
+        case Verdict::Failed:
+            break;
+    }
+    return kExitFailed;
+}
+
 }  // namespace
 
 int runMain(int argc, char** argv, const Model& model) {
     CLI::App app("Runs the model " + model.name + " until SIGINT or SIGTERM, or for a given time.");
-    double stopTimeSeconds = 0;
-    app.add_option("--stop-time", stopTimeSeconds, "End the run after this time")
-        ->check(CLI::Validator(checkSeconds, ""))
-        ->type_name("SECONDS");
-    FileOption latency(app, "--latency", "Write the histogram of the latencies of the steps");
-    std::optional<FileOption> record;
-    if (model.record != nullptr) {
-        record.emplace(app, "--record", "Write what the model records");
-    }
+    app.footer(kExitStatuses);
+    Settings settings;
+    addSettings(app, model, settings);
+    Files files(app, model);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& wrong) {
         return app.exit(wrong) == 0 ? kExitGood : kExitUsage;
     }
-
-    if (!latency.open() || (record && !record->open())) {
+    if (!files.open()) {
         return kExitFailed;
     }
 
     Kernel kernel(model);
-    kernel.setStopTime(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(stopTimeSeconds)));
+    kernel.setStopTime(fromSeconds(settings.stopTimeSeconds));
+    kernel.setMaxSkipped(settings.maxSkippedPercent);
+    kernel.setTriggerTimeout(fromSeconds(settings.triggerTimeoutSeconds));
     const RunReport report = kernel.run();
-    std::cout << report << std::flush;
-    const bool latencyWritten = latency.write([&](std::ostream& out) { printLatency(out, report); });
-    const bool recordWritten = !record || record->write(model.record);
-    return report.error.empty() && latencyWritten && recordWritten ? kExitGood : kExitFailed;
+    const bool printed = printReport(report);
+    const bool written = files.write(report);
+    return printed && written ? exitStatusOf(report.verdict()) : kExitFailed;
 }
 
 }  // namespace brevane

@@ -149,6 +149,10 @@ bool control_loop_awaitTrigger(int timeoutMs, AnalogTick* tick) {
     return status > 0;
 }
 
+const char* control_loop_triggerDevice(void) {
+    return control_loop_DW.timer.device;
+}
+
 void control_loop_terminate(void) {
     DW_control_loop_T* dw = &control_loop_DW;
     analogTimer_terminate(&dw->timer);

@@ -81,6 +81,8 @@ void control_loop_start(void);
 void control_loop_step(void);
 /* Waits for the tick of the board's timer that triggers the next step; false without one. */
 bool control_loop_awaitTrigger(int timeoutMs, AnalogTick* tick);
+/* Names the device that triggers the steps. Valid until the model is initialised again. */
+const char* control_loop_triggerDevice(void);
 void control_loop_terminate(void);
 
 /* Text of the block error that stops the model, null while there is none. */

@@ -23,8 +23,6 @@ bool awaitTrigger(std::chrono::milliseconds timeout, brevane::Trigger& trigger) 
 int main(int argc, char** argv) {
     const brevane::Model model{
         .name = "control_loop",
-        .basePeriod = std::chrono::duration_cast<std::chrono::nanoseconds>(
-            std::chrono::duration<double>(control_loop_P.stepSize)),
         .initialize =
             [] {
                 printMachine();
@@ -38,6 +36,8 @@ int main(int argc, char** argv) {
             },
         .errorStatus = control_loop_errorStatus,
         .awaitTrigger = awaitTrigger,
+        .triggerDevice = control_loop_triggerDevice,
+        .triggerPeriod = std::chrono::nanoseconds(control_loop_DW.timer.periodNs),
         .record = writeRecord,
     };
     // Start callbacks run once the model is initialised, on the thread that will step it.

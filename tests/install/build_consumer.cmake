@@ -18,7 +18,7 @@ endfunction()
 # expect_board(PROGRAM): it finds its board on the machine.
 function(expect_board program)
     run(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/${LIBRARY_DIR} BREVANE_LOG=off
-        ${prefix}/bin/kvsim run ember -- ${program} --stop-time 0.05)
+        ${prefix}/bin/kvsim run ember -- ${program} --stop-time 0.05 --max-skipped 100)
     if(NOT output MATCHES "Ember real-time target machine, board at bus 9\n")
         message(FATAL_ERROR "${program} printed:\n${output}")
     endif()

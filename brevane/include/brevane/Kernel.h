@@ -28,7 +28,7 @@ struct Trigger {
 struct Model {
     /** For log records and the report. */
     std::string name;
-    /** The time between two steps. Of no effect on a model that has a trigger. */
+    /** The time between two steps, above zero. Of no effect on a model that has a trigger. */
     std::chrono::nanoseconds basePeriod{std::chrono::milliseconds(1)};
 
     /** Runs once before the first step. */
@@ -60,6 +60,16 @@ struct Model {
      * poll finds it readable, which doesn't block then.
      */
     bool (*awaitTrigger)(std::chrono::milliseconds timeout, Trigger& trigger) = nullptr;
+    /**
+     * Optional: names the device that awaitTrigger waits for, such as "timer of board 1 (/dev/uio2)". Asked
+     * on the base-rate thread once the model is initialised; the text is copied. Null is no name.
+     */
+    const char* (*triggerDevice)() = nullptr;
+    /**
+     * Optional: the time between two triggers, zero where it varies. A run that ends while a trigger with a
+     * period is silent, for half a second and ten periods, has failed.
+     */
+    std::chrono::nanoseconds triggerPeriod{0};
 
     /**
      * Optional: writes what the model has recorded as comma-separated values. Asked by runMain() when the run
@@ -76,12 +86,26 @@ struct LatencyBucket {
     std::uint64_t steps;
 };
 
+/** What a run is judged to be. */
+enum class Verdict {
+    Good,    /**< steps were taken, and no more periods were skipped than is permitted */
+    Overran, /**< more periods were skipped than is permitted */
+    Failed,  /**< there was an error; a run without a single step is one */
+};
+
 /** How one run went. Times are measured on CLOCK_MONOTONIC. */
 struct RunReport {
     /** The model's name. */
     std::string model;
+    /**
+     * How long the base rate ran: from the first step that was due or, with a trigger, the first wait for it,
+     * until the loop ended.
+     */
+    std::chrono::nanoseconds duration{0};
     /** Whether a trigger drove the base rate, and not the clock. */
     bool triggered = false;
+    /** The device of the trigger, as the model names it; empty without a name. */
+    std::string triggerDevice;
     /** Steps taken. */
     std::uint64_t steps = 0;
     /**
@@ -92,6 +116,8 @@ struct RunReport {
     /** Base periods without a step, because an earlier step was still running; or triggers that were missed.
      */
     std::uint64_t skippedPeriods = 0;
+    /** The share of skipped periods that the verdict permits, in percent of all periods. */
+    double maxSkippedPercent = 0;
     /**
      * How late steps began, measured from their places on the time grid or from the moment their triggers
      * fired. All but the maximum are within 4 %.
@@ -106,11 +132,25 @@ struct RunReport {
     std::chrono::nanoseconds maxStepTime{0};
     /** False where the rights for SCHED_FIFO were missing, or the run failed before its first step. */
     bool realTime = false;
-    /** The run's first error, empty after a good run. */
+    /** The run's first error, empty where there was none. */
     std::string error;
+
+    /** The share of periods that were skipped, in percent of all periods. */
+    [[nodiscard]] double skippedPercent() const {
+        const std::uint64_t periods = steps + skippedPeriods;
+        return periods == 0 ? 0 : 100 * static_cast<double>(skippedPeriods) / static_cast<double>(periods);
+    }
+
+    /** The verdict on the run. */
+    [[nodiscard]] Verdict verdict() const {
+        if (!error.empty()) {
+            return Verdict::Failed;
+        }
+        return skippedPercent() > maxSkippedPercent ? Verdict::Overran : Verdict::Good;
+    }
 };
 
-/** Writes a summary of a few lines. */
+/** Writes a summary of a few lines, the last of which is the verdict with its reason. */
 BREVANE_EXPORT std::ostream& operator<<(std::ostream& out, const RunReport& report);
 
 /**
@@ -133,6 +173,8 @@ class BREVANE_EXPORT Kernel {
      * threads of models (from 1), below the kernel's own watchdogs (99).
      */
     static constexpr int kBaseRatePriority = 80;
+    /** How long a trigger may be silent where setTriggerTimeout() sets nothing else. */
+    static constexpr std::chrono::nanoseconds kTriggerTimeout = std::chrono::seconds(5);
 
     /** Keeps a copy of the model; nothing of it is called before run(). */
     explicit Kernel(Model model);
@@ -144,6 +186,18 @@ class BREVANE_EXPORT Kernel {
     void setStopTime(std::chrono::nanoseconds stopTime);
 
     /**
+     * Permits this share of skipped periods, in percent of all periods, from 0 (the default) to 100: a run
+     * that skips no more is good.
+     */
+    void setMaxSkipped(double percent);
+
+    /**
+     * Fails the run when no trigger comes for this long, measured from the first wait and from each step; the
+     * error names the trigger's device. Zero waits without limit.
+     */
+    void setTriggerTimeout(std::chrono::nanoseconds timeout);
+
+    /**
      * Runs the model to its end, which is how long it blocks, and terminates it. A process runs one model at
      * a time, and an instance runs once; anything else is reported as an error, and nothing runs.
      *
@@ -151,7 +205,8 @@ class BREVANE_EXPORT Kernel {
      * away doesn't end the model; the former handlers are put back afterwards.
      *
      * An error (the model's error status, or a std::exception from the model, a service or a start callback)
-     * ends the run, is logged and reported; the model is still terminated if its initialisation had begun.
+     * ends the run, is logged and reported; the model is still terminated if its initialisation had begun. A
+     * run that ends before its first step, for whatever reason, has failed too.
      */
     RunReport run();
 
@@ -168,22 +223,38 @@ class BREVANE_EXPORT Kernel {
 
     Model model_;
     std::chrono::nanoseconds stopTime_{0};
+    std::chrono::nanoseconds triggerTimeout_ = kTriggerTimeout;
+    double maxSkippedPercent_ = 0;
     std::atomic<bool> stopRequested_{false};
     std::atomic<bool> used_{false};
 };
 
+/** Exit statuses of runMain(). */
+enum ExitStatus : int {
+    kExitGood = 0,    /**< the verdict is good */
+    kExitFailed = 1,  /**< the run failed, or a file or standard output could not be written */
+    kExitUsage = 2,   /**< the command line is wrong; nothing ran */
+    kExitOverran = 3, /**< more periods were skipped than is permitted */
+};
+
 /**
- * The main function of a model's executable: understands --stop-time SECONDS and --help, runs the model and
- * prints its report to standard output.
+ * The main function of a model's executable: runs the model and prints its report to standard output. A run
+ * that SIGINT or SIGTERM ends is judged as any other.
  *
- * --latency FILE writes the histogram of the run's latencies, one line "upper_bound_us,steps" for each bucket
- * after a header of these words. --record FILE writes what the model has recorded; only models that record
- * know the option. The files are opened before the model is touched, and written, over what they held, after
- * the run, also a failed one. A file that can't be opened or written is told on standard error; where one
- * can't be opened nothing runs and the others keep what they hold.
+ * | option | effect |
+ * |---|---|
+ * | --stop-time SECONDS | as Kernel::setStopTime() |
+ * | --max-skipped PERCENT | as Kernel::setMaxSkipped() |
+ * | --trigger-timeout SECONDS | as Kernel::setTriggerTimeout(); for models with a trigger |
+ * | --latency FILE | writes the histogram of the latencies, comma-separated below a line of names |
+ * | --record FILE | writes what the model has recorded; for models that record |
+ * | --help | prints all options and the exit statuses |
  *
- * @return the exit status: 0 after a good run, 1 after a failed one or when a file can't be opened or
- *         written, 2 when the command line is wrong
+ * The files are opened before the model is touched, and written, over what they held, after the run, also a
+ * failed one. Standard error names a file that cannot be opened or
+ * written, with the reason. Where one cannot be opened nothing runs and the others keep what they hold.
+ *
+ * @return one of ExitStatus
  */
 BREVANE_EXPORT int runMain(int argc, char** argv, const Model& model);
 

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <stdio.h>
 
 #include <kv/registry.h>
 #include <kv/threads.h>
@@ -28,6 +29,8 @@ int analogTimer_start(AnalogTimer* block, KvError* error) {
         return -1;
     }
     block->board = board;
+    (void)snprintf(block->device, sizeof block->device, "the timer of board %d (/dev/uio%d)", block->moduleId,
+                   block->interrupt->uioIndex);
     analogBoard_write(board, ANALOG_TIMER_SERVED, 0);
     analogBoard_write(board, ANALOG_INTERRUPTS, ANALOG_INTERRUPT_TIMER);
     analogBoard_write(board, ANALOG_TIMER_PERIOD, block->periodNs);

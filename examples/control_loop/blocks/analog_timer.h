@@ -21,6 +21,7 @@ typedef struct AnalogTimer {
     uint32_t periodNs;
     const AnalogBoard* board;       /* set by start, null before */
     kv_InterruptContext* interrupt; /* likewise */
+    char device[48];                /* what the timer is called in messages */
     uint32_t tick;                  /* the one in service */
     bool pinned;                    /* whether the model runs on the trigger's CPU alone */
 } AnalogTimer;

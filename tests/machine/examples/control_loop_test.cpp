@@ -1,6 +1,8 @@
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <string>
 
@@ -42,7 +44,7 @@ class ControlLoop : public testing::Test {
     }
 
     [[nodiscard]] Outcome start(const std::string& options = "--stop-time 0.3") const {
-        return run(program() + " " + options);
+        return run(program() + " --max-skipped 100 " + options);
     }
 
     kv::test::TemporaryFolder folder_;
@@ -75,6 +77,31 @@ TEST_F(ControlLoop, HoldsThePlantAtItsSetPointAndLeavesNothingBehind) {
     EXPECT_GT(time, 0.8);
     EXPECT_NEAR(response, setPoint, 0.15);
     EXPECT_NEAR(output * 0.8, response, 0.5) << "the plant has a gain of 0.8";
+}
+
+TEST_F(ControlLoop, HasOverranWhereItWasHeldUp) {
+    const std::string log = (folder_.path() / "log").string();
+    const Outcome heldUp =
+        run("sh -c '" + program() + " --stop-time 1.2 2>" + log + " & until grep -q \"control_loop runs\" " +
+            log + "; do sleep 0.02; done; sleep 0.2; kill -STOP $!; sleep 0.3; kill -CONT $!; wait $!'");
+    EXPECT_EQ(heldUp.status, 3);
+    EXPECT_THAT(heldUp.output,
+                ContainsRegex("\nresult      overran: [0-9]+ of [0-9]+ steps, [2-9][0-9.]+ % of the"));
+    std::smatch steps;
+    ASSERT_TRUE(std::regex_search(heldUp.output, steps, std::regex("\nsteps       ([0-9]+) in 1\\.[2-9]")))
+        << heldUp.output;
+    EXPECT_LT(std::stoi(steps[1]), 950);
+}
+
+TEST_F(ControlLoop, NamesTheBoardWhoseInterruptNeverComes) {
+    const std::string machine = (folder_.path() / "quiet.yaml").string();
+    const Outcome silent = shell(
+        "sed '/board: analog-io/d; /plants:/d; /{output:/d' " EMBER_DESCRIPTION " >" + machine +
+        "; timeout 60 " KVSIM_PROGRAM " run " + machine + " -- " + program() + " --trigger-timeout 0.3");
+    EXPECT_EQ(silent.status, 1);
+    EXPECT_THAT(
+        silent.output,
+        ContainsRegex("\nresult      failed: no trigger from the timer of board 1 \\(/dev/uio[0-9]+\\) in "));
 }
 
 TEST_F(ControlLoop, GoesOnFromTheRunBeforeUnlessItWasChanged) {

@@ -65,7 +65,7 @@ class Demo : public testing::Test {
     void SetUp() override { ASSERT_TRUE(boards_.areReady()); }
 
     static Outcome run(const std::string& options) {
-        return shell(std::string(kApplication) + "/bin/control_loop " + options);
+        return shell(std::string(kApplication) + "/bin/control_loop --max-skipped 100 " + options);
     }
 
  private:

@@ -1,6 +1,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <ctime>
 #include <sys/time.h>
 #include <thread>
 #include <vector>
@@ -60,6 +61,7 @@ TEST(KernelStop, ComesWhenTheTimeIsUpAndNotFromABrokenPipe) {
     EXPECT_GE(report.steps + report.skippedPeriods, 20U);
     EXPECT_LE(report.steps, 20U);
     EXPECT_EQ(report.steps, static_cast<std::uint64_t>(steps));
+    EXPECT_GE(report.duration, 19ms) << "the last step is due one base period before the end";
     EXPECT_TRUE(formerHandlerIsBack(SIGPIPE));
 }
 
@@ -79,7 +81,9 @@ TEST(KernelStop, BeforeTheRunLeavesNoStepToTake) {
     model.terminate = [] { terminated = true; };
     Kernel kernel(model);
     kernel.stop();
-    EXPECT_EQ(kernel.run().steps, 0U);
+    const RunReport report = kernel.run();
+    EXPECT_EQ(report.steps, 0U);
+    EXPECT_EQ(report.error, "the run ended before its first step");
     EXPECT_TRUE(terminated);
 }
 
@@ -105,6 +109,25 @@ TEST(KernelStop, ComesFromASignalWhateverTheBasePeriod) {
         EXPECT_EQ(report.steps, 1U);
         EXPECT_TRUE(formerHandlerIsBack(signal));
     }
+}
+
+TEST(KernelStop, AfterAPauseCountsThePeriodsThatPassedInIt) {
+    static Kernel* running = nullptr;
+    Model model;
+    model.basePeriod = 20ms;
+    model.step = [] {
+        const itimerval once{{0, 0}, {0, 5000}};
+        setitimer(ITIMER_REAL, &once, nullptr);
+    };
+    Kernel kernel(model);
+    running = &kernel;
+    // The process is held up as it waits for its next step, and is told to stop as soon as it goes on.
+    std::signal(SIGALRM, [](int) {
+        const timespec pause{0, 100'000'000};
+        nanosleep(&pause, nullptr);
+        running->stop();
+    });
+    EXPECT_GE(kernel.run().skippedPeriods, 4U);
 }
 
 TEST(KernelGrid, HoldsStepsBackWhenOtherSignalsInterruptTheWait) {

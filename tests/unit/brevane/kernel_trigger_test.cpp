@@ -20,6 +20,7 @@ using brevane::Kernel;
 using brevane::Model;
 using brevane::RunReport;
 using brevane::Trigger;
+using brevane::Verdict;
 using kv::test::LogCapture;
 using testing::AllOf;
 using testing::HasSubstr;
@@ -141,14 +142,17 @@ TEST_F(KernelTrigger, CountsWhatFiredDuringAStepAsSkipped) {
                 board_.fire(2);
                 break;
             default:
+                board_.fire(3);
                 running->stop();
         }
     };
     LogCapture log;
     const RunReport report = run();
     EXPECT_EQ(report.steps, 4U);
-    EXPECT_EQ(report.overruns, 2U);
-    EXPECT_EQ(report.skippedPeriods, 4U);
+    EXPECT_EQ(report.overruns, 3U) << "the last step overran too, though the run ended with it";
+    EXPECT_EQ(report.skippedPeriods, 6U);
+    EXPECT_EQ(report.skippedPercent(), 60);
+    EXPECT_EQ(report.verdict(), Verdict::Overran);
 
     std::string warnings;
     for (const auto& record : log.take()) {
@@ -156,29 +160,63 @@ TEST_F(KernelTrigger, CountsWhatFiredDuringAStepAsSkipped) {
     }
     EXPECT_THAT(warnings, AllOf(HasSubstr("Kernel: step 1 began "), Not(HasSubstr("step 3 began ")),
                                 HasSubstr("; 3 base periods passed without a step"),
-                                HasSubstr("2 of 4 steps overran the base period, 4 periods were skipped")));
+                                HasSubstr("3 of 4 steps overran the base period, 6 periods were skipped")));
 }
 
-TEST_F(KernelTrigger, LetsARunEndWhenTheBoardIsDead) {
-    const auto begin = Clock::now();
-    EXPECT_EQ(run(150ms).steps, 0U);
-    EXPECT_GE(Clock::now() - begin, 150ms);
-    EXPECT_GE(board_.waits(), 2);
-
-    const std::function<void()> requests[] = {[] { running->stop(); }, [] { kill(getpid(), SIGINT); },
-                                              [] { kill(getpid(), SIGTERM); }};
-    for (const auto& request : requests) {
-        const int waitsBefore = board_.waits();
-        std::thread supervisor([&] {
-            while (board_.waits() == waitsBefore) {
+TEST_F(KernelTrigger, FailsARunInWhichItIsMissingAndNamesItsDevice) {
+    struct Silence {
+        int stepsBefore;
+        std::chrono::nanoseconds timeout, stopTime, period;
+        int signal; /**< that ends the run; 0 for none, -1 for stop() */
+        const char* error;
+    };
+    const Silence silences[] = {
+        {0, 150ms, 0ns, 0ns, 0, "no trigger from the tachometer in 1.* ms since the start"},
+        {2, 150ms, 0ns, 0ns, 0, "no trigger from the tachometer in 1.* ms since step 2"},
+        {0, 5s, 150ms, 0ns, 0,
+         "no trigger from the tachometer in 1.* since the start, when the run was to end"},
+        {0, 5s, 0ns, 0ns, -1,
+         "no trigger from the tachometer in .* since the start, when the run was to end"},
+        {0, 5s, 0ns, 0ns, SIGINT,
+         "no trigger from the tachometer in .* since the start, when the run was to end"},
+        {0, 5s, 0ns, 0ns, SIGTERM,
+         "no trigger from the tachometer in .* since the start, when the run was to end"},
+        {2, 5s, 700ms, 1ms, 0, "no trigger from the tachometer in .* since step 2, when the run was to end"},
+        {2, 5s, 700ms, 100ms, 0, ""},
+        {2, 5s, 150ms, 0ns, 0, ""},
+    };
+    model_.triggerDevice = [] { return "the tachometer"; };
+    static int left = 0;
+    step_ = [&](int) {
+        if (--left > 0) {
+            board_.fire();
+        }
+    };
+    for (const Silence& silence : silences) {
+        SCOPED_TRACE(testing::PrintToString(&silence - silences));
+        left = silence.stepsBefore;
+        if (left > 0) {
+            board_.fire();
+        }
+        model_.triggerPeriod = silence.period;
+        Kernel kernel(model_);
+        kernel.setStopTime(silence.stopTime);
+        kernel.setTriggerTimeout(silence.timeout);
+        std::thread supervisor([&, waitsBefore = board_.waits()] {
+            while (silence.signal != 0 && board_.waits() == waitsBefore) {
                 std::this_thread::sleep_for(1ms);
             }
-            request();
+            if (silence.signal > 0) {
+                kill(getpid(), silence.signal);
+            } else if (silence.signal < 0) {
+                kernel.stop();
+            }
         });
-        const RunReport report = run();
+        const RunReport report = kernel.run();
         supervisor.join();
-        EXPECT_EQ(report.error, "");
-        EXPECT_EQ(report.steps, 0U);
+        EXPECT_THAT(report.error, testing::MatchesRegex(silence.error));
+        EXPECT_EQ(report.steps, static_cast<unsigned>(silence.stepsBefore));
+        EXPECT_EQ(report.verdict(), *silence.error != '\0' ? Verdict::Failed : Verdict::Good);
     }
 }
 

@@ -1,3 +1,6 @@
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -5,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -16,7 +21,9 @@ using brevane::Model;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::MatchesRegex;
 using testing::StartsWith;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -46,35 +53,86 @@ Outcome runMain(std::vector<std::string> arguments, const Model& model) {
     return {status, output.str(), errors.str()};
 }
 
-TEST(RunMain, RunsForTheGivenTimeAndTellsHowItWent) {
+/** A pump whose first step takes three base periods. */
+Model slowPump() {
+    static bool isFirst = true;
+    isFirst = true;
     Model model;
     model.name = "pump";
-    model.step = [] {};
-    const Outcome good = runMain({"--stop-time=0.01"}, model);
-    EXPECT_EQ(good.status, 0);
-    EXPECT_THAT(good.output, AllOf(StartsWith("model       pump\n"), HasSubstr("result      good\n")));
+    model.basePeriod = 20ms;
+    model.step = [] {
+        if (std::exchange(isFirst, false)) {
+            std::this_thread::sleep_for(65ms);
+        }
+    };
+    return model;
+}
 
-    model.errorStatus = [] { return "tank is empty"; };
-    const Outcome failed = runMain({"--stop-time=0.01"}, model);
-    EXPECT_EQ(failed.status, 1);
-    EXPECT_THAT(failed.output, HasSubstr("result      tank is empty\n"));
+TEST(RunMain, JudgesTheRunInItsLastLineAndItsExitStatus) {
+    Model quick;
+    quick.step = [] {};
+    Model interrupted = slowPump();
+    interrupted.step = [] {
+        std::this_thread::sleep_for(65ms);
+        std::raise(SIGTERM);
+    };
+    Model failing = slowPump();
+    failing.errorStatus = [] { return "tank is empty"; };
+    Model silent = quick;
+    silent.awaitTrigger = [](std::chrono::milliseconds, brevane::Trigger&) { return false; };
+    struct Case {
+        Model model;
+        std::vector<std::string> options;
+        int status;
+        const char* result;
+    };
+    const Case cases[] = {
+        {quick, {"--stop-time=0.01", "--max-skipped=100"}, 0, "good(: .* permitted\\))?"},
+        {slowPump(),
+         {"--stop-time=0.2"},
+         3,
+         "overran: [1-9] of [1-9] steps, [0-9.]+ % of the periods skipped"},
+        {slowPump(),
+         {"--stop-time=0.2", "--max-skipped=0.1"},
+         3,
+         "overran: .* % of the periods skipped \\(up to 0\\.1 % permitted\\)"},
+        {slowPump(),
+         {"--stop-time=0.2", "--max-skipped=100"},
+         0,
+         "good: [0-9.]+ % of the periods skipped \\(up to 100 % permitted\\)"},
+        {interrupted, {}, 3, "overran: 1 of 1 steps, .*"},
+        {failing, {"--stop-time=0.2"}, 1, "failed: tank is empty"},
+        {silent, {"--trigger-timeout=0.01"}, 1, "failed: no trigger in 1.* ms since the start"},
+    };
+    for (const Case& each : cases) {
+        slowPump();
+        const Outcome outcome = runMain(each.options, each.model);
+        EXPECT_EQ(outcome.status, each.status) << outcome.output;
+        EXPECT_THAT(outcome.output,
+                    AllOf(StartsWith("model       "),
+                          MatchesRegex("(.|\n)*\nresult      " + std::string(each.result) + "\n")));
+    }
 }
 
 TEST(RunMain, RefusesAWrongCommandLineWithoutRunning) {
     Model model;
     model.initialize = [] { FAIL() << "the model ran"; };
-    for (const char* wrong : {"--stop-time=0", "--stop-time=-1", "--stop-time=nan", "--stop-time=inf",
-                              "--stop-time=1e300", "--stop-time=1s", "--stop-time=", "--record=f", "extra"}) {
+    for (const char* wrong :
+         {"--stop-time=0", "--stop-time=-1", "--stop-time=nan", "--stop-time=inf", "--stop-time=1e300",
+          "--stop-time=1s", "--stop-time=", "--max-skipped=-1", "--max-skipped=101", "--max-skipped=nan",
+          "--trigger-timeout=1", "--record=f", "extra"}) {
         const Outcome outcome = runMain({wrong}, model);
         EXPECT_EQ(outcome.status, 2) << wrong;
         EXPECT_EQ(outcome.output, "") << wrong;
         EXPECT_NE(outcome.errors, "") << wrong;
     }
-    EXPECT_THAT(runMain({"--stop-time=1s"}, model).errors, StartsWith("--stop-time: \"1s\" is no number"));
+    EXPECT_THAT(runMain({"--stop-time=1s"}, model).errors,
+                StartsWith("--stop-time: \"1s\" is not a number of seconds"));
 
     const Outcome help = runMain({"--help"}, model);
     EXPECT_EQ(help.status, 0);
-    EXPECT_THAT(help.output, HasSubstr("--stop-time SECONDS"));
+    EXPECT_THAT(help.output,
+                AllOf(HasSubstr("--stop-time SECONDS"), HasSubstr("Exit status: 0 the run was good")));
 }
 
 /** A model that records how many steps it has taken. */
@@ -96,7 +154,9 @@ class RunMainFiles : public testing::Test {
     ~RunMainFiles() override { fs::remove_all(folder_); }
 
     Outcome run(const std::string& recordPath, const std::string& latencyPath, const Model& model) const {
-        return runMain({"--stop-time=0.02", "--record", recordPath, "--latency", latencyPath}, model);
+        return runMain(
+            {"--stop-time=0.02", "--max-skipped=100", "--record", recordPath, "--latency", latencyPath},
+            model);
     }
 
     static std::vector<std::string> linesOf(const std::string& path) {
@@ -127,13 +187,13 @@ TEST_F(RunMainFiles, HoldTheRecordAndTheLatenciesOfARunAlsoOfAFailedOne) {
     unsigned long steps = 0;
     double formerBound = -1;
     for (std::size_t i = 1; i < latency.size(); ++i) {
-        char* afterBound = nullptr;
-        const double bound = std::strtod(latency[i].c_str(), &afterBound);
-        ASSERT_EQ(*afterBound, ',') << latency[i];
-        EXPECT_GT(bound, formerBound);
-        EXPECT_LT(bound, 10e6) << "no step began ten seconds late";
-        formerBound = bound;
-        steps += std::stoul(afterBound + 1);
+        double upTo = 0;
+        unsigned long count = 0;
+        ASSERT_EQ(std::sscanf(latency[i].c_str(), "%lf,%lu", &upTo, &count), 2) << latency[i];
+        EXPECT_GT(upTo, formerBound);
+        EXPECT_LT(upTo, 10e6) << "no step began ten seconds late";
+        formerBound = upTo;
+        steps += count;
     }
     EXPECT_EQ(std::to_string(steps), record[1]);
 

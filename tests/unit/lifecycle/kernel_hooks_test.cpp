@@ -1,3 +1,4 @@
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,11 +22,11 @@ void note(const std::string& event) {
     events.push_back(event + (kv_is_early_init() != 0 ? ", early" : ""));
 }
 
-/** Runs a model that ends before its first step. */
+/** Runs a model that ends after its first step. */
 std::string runModel() {
     events.clear();
     Kernel kernel({.name = "pump", .initialize = [] { note("model"); }, .step = [] {}});
-    kernel.stop();
+    kernel.setStopTime(std::chrono::nanoseconds(1));
     return kernel.run().error;
 }
 
