@@ -74,6 +74,10 @@ void terminate(const Model& model) {
     }
 }
 
+std::vector<Fact> factsOf(const Model& model) {
+    return model.facts != nullptr ? model.facts() : std::vector<Fact>();
+}
+
 std::string triggerDeviceOf(const Model& model) {
     const char* name = model.triggerDevice != nullptr ? model.triggerDevice() : nullptr;
     return name != nullptr ? name : "";
@@ -108,6 +112,7 @@ RunReport Kernel::run() {
     RunReport report;
     report.model = model_.name;
     report.triggered = model_.awaitTrigger != nullptr;
+    report.basePeriod = model_.basePeriod;
     report.maxSkippedPercent = maxSkippedPercent_;
     succeeds(report, [&] {
         if (used_.exchange(true)) {
@@ -143,6 +148,7 @@ void Kernel::runModel(RunReport& report) {
         succeeds(report, [&] { services.stopLast(); });
     }
     succeeds(report, [&] { terminate(model_); });
+    succeeds(report, [&] { report.facts = factsOf(model_); });
 }
 
 void Kernel::runBaseRate(RunReport& report) {
@@ -152,7 +158,8 @@ void Kernel::runBaseRate(RunReport& report) {
     BaseRateLoop loop(model_, stopTime_, stopRequested_, {report.triggerDevice, triggerTimeout_});
     {
         const LockedMemory memory;
-        if (memory.error() != 0) {
+        report.memoryLocked = memory.error() == 0;
+        if (!report.memoryLocked) {
             log(trivial::warning,
                 "memory is not locked" + reasonText(memory.error()) + ": page faults may delay steps");
         }
@@ -162,9 +169,11 @@ void Kernel::runBaseRate(RunReport& report) {
             log(trivial::warning, "no real-time rights" + reasonText(priority.error()) +
                                       ": running at normal priority, expect jitter");
         }
+        report.begin = std::chrono::system_clock::now();
         const auto begin = std::chrono::steady_clock::now();
         succeeds(report, [&] { loop.run(); });
         report.duration = std::chrono::steady_clock::now() - begin;
+        report.cpus = allowedCpus();
     }
     loop.describe(report);
     log(trivial::info, "model " + model_.name + " ended after " + std::to_string(report.steps) + " steps");

@@ -48,7 +48,9 @@ class LatencyHistogram {
         std::vector<LatencyBucket> filled;
         for (std::size_t bucket = 0; bucket < counts_.size(); ++bucket) {
             if (counts_[bucket] > 0) {
-                filled.push_back({std::chrono::nanoseconds(upperEndOf(bucket)), counts_[bucket]});
+                const std::uint64_t lowerEnd = bucket == 0 ? 0 : upperEndOf(bucket - 1) + 1;
+                filled.push_back({std::chrono::nanoseconds(lowerEnd),
+                                  std::chrono::nanoseconds(upperEndOf(bucket)), counts_[bucket]});
             }
         }
         return filled;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -24,6 +25,13 @@ OutputFile::OutputFile(const std::string& path)
 
 OutputFile::~OutputFile() {
     close(fd_);
+}
+
+bool OutputFile::isSameFile(const OutputFile& other) const noexcept {
+    struct stat mine {};
+    struct stat others {};
+    return fstat(fd_, &mine) == 0 && fstat(other.fd_, &others) == 0 && S_ISREG(mine.st_mode) &&
+           mine.st_dev == others.st_dev && mine.st_ino == others.st_ino;
 }
 
 void OutputFile::write(std::string_view content) {

@@ -14,6 +14,9 @@ class OutputFile {
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
+    /** Whether both are one regular file, in which one content would replace the other. */
+    [[nodiscard]] bool isSameFile(const OutputFile& other) const noexcept;
+
     /** Makes @p content all that the file holds. @throw as the constructor does */
     void write(std::string_view content);
 

@@ -1,6 +1,8 @@
 #include "real_time.h"
 
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <linux/capability.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -63,6 +65,20 @@ LockedMemory::~LockedMemory() {
     if (limitRaised_) {
         setrlimit(RLIMIT_MEMLOCK, &formerLimit_);
     }
+}
+
+std::vector<int> allowedCpus() {
+    // One set has room for 1024 CPUs; the kernel refuses fewer than it may have.
+    std::array<cpu_set_t, 16> sets{};
+    std::vector<int> cpus;
+    if (sched_getaffinity(0, sizeof sets, sets.data()) == 0) {
+        for (std::size_t cpu = 0; cpu < CHAR_BIT * sizeof sets; ++cpu) {
+            if (CPU_ISSET_S(cpu, sizeof sets, sets.data())) {
+                cpus.push_back(static_cast<int>(cpu));
+            }
+        }
+    }
+    return cpus;
 }
 
 }  // namespace brevane

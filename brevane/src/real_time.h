@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <sys/resource.h>
+#include <vector>
 
 namespace brevane {
 
@@ -38,5 +39,8 @@ class LockedMemory {
     bool limitRaised_ = false;
     int error_ = 0;
 };
+
+/** The CPUs that the calling thread may run on, in ascending order; none where the kernel doesn't say. */
+std::vector<int> allowedCpus();
 
 }  // namespace brevane

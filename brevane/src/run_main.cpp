@@ -11,6 +11,7 @@
 #include <brevane/Kernel.h>
 
 #include "output_file.h"
+#include "report_json.h"
 
 namespace brevane {
 
@@ -47,6 +48,15 @@ class FileOption {
         return option_->empty() || succeeds([&] { file_.emplace(path_); });
     }
 
+    /** Whether this option and another name one file, which is reported. */
+    [[nodiscard]] bool collidesWith(const FileOption& other) const {
+        const bool collides = file_ && other.file_ && file_->isSameFile(*other.file_);
+        if (collides) {
+            std::cerr << name_ << ' ' << path_ << ": " << other.name_ << " names the same file" << std::endl;
+        }
+        return collides;
+    }
+
     /** Writes what @p print puts into a stream. True also where the option isn't given. */
     template <typename Print>
     bool write(Print&& print) {
@@ -76,10 +86,14 @@ class FileOption {
 };
 
 void printLatency(std::ostream& out, const RunReport& report) {
-    out << "upper_bound_us,steps\n";
+    const auto microseconds = [&out](std::chrono::nanoseconds time) {
+        out << time.count() / 1000 << '.' << std::setfill('0') << std::setw(3) << time.count() % 1000 << ',';
+    };
+    out << "from_us,up_to_us,steps\n";
     for (const LatencyBucket& bucket : report.latency) {
-        out << bucket.upTo.count() / 1000 << '.' << std::setfill('0') << std::setw(3)
-            << bucket.upTo.count() % 1000 << ',' << bucket.steps << '\n';
+        microseconds(bucket.from);
+        microseconds(bucket.upTo);
+        out << bucket.steps << '\n';
     }
 }
 
@@ -112,24 +126,32 @@ void addSettings(CLI::App& app, const Model& model, Settings& settings) {
 class Files {
  public:
     Files(CLI::App& app, const Model& model)
-        : model_(model), latency_(app, "--latency", "Write the histogram of the latencies of the steps") {
+        : model_(model),
+          latency_(app, "--latency", "Write the histogram of the latencies of the steps"),
+          report_(app, "--report", "Write the report as JSON") {
         if (model.record != nullptr) {
             record_.emplace(app, "--record", "Write what the model records");
         }
     }
 
-    bool open() { return latency_.open() && (!record_ || record_->open()); }
+    bool open() {
+        return latency_.open() && report_.open() && !report_.collidesWith(latency_) &&
+               (!record_ ||
+                (record_->open() && !record_->collidesWith(latency_) && !record_->collidesWith(report_)));
+    }
 
     /** Writes them all, whichever of them fail. */
     bool write(const RunReport& report) {
         const bool latencyWritten = latency_.write([&](std::ostream& out) { printLatency(out, report); });
+        const bool reportWritten = report_.write([&](std::ostream& out) { printJson(out, report); });
         const bool recordWritten = !record_ || record_->write(model_.record);
-        return latencyWritten && recordWritten;
+        return latencyWritten && reportWritten && recordWritten;
     }
 
  private:
     const Model& model_;
     FileOption latency_;
+    FileOption report_;
     std::optional<FileOption> record_;
 };
 

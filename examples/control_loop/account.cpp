@@ -1,11 +1,17 @@
 #include "account.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ostream>
 #include <span>
+#include <string>
+#include <variant>
+#include <vector>
 
 #include <kv/lifecycle.h>
+#include <kv/process.h>
 #include <kv/registry.h>
 #include <kv/target.h>
 
@@ -16,24 +22,52 @@ namespace {
 
 constexpr double kMillisecondsPerSecond = 1e3;
 
+std::vector<brevane::Fact> notedFacts;
+
+template <typename Value>
+void note(const char* section, const char* key, const Value& value) {
+    notedFacts.push_back({section, key, value});
+}
+
+/** The library's way to say that a number isn't known is -1. */
+void noteUnlessUnknown(const char* section, const char* key, int value) {
+    if (value == -1) {
+        note(section, key, std::monostate());
+    } else {
+        note(section, key, value);
+    }
+}
+
 const AnalogBoard* boardOf(const AnalogSetupParameters& setup) {
     return static_cast<const AnalogBoard*>(
         kv_module_get_custom_data(ANALOG_MODULE_TYPE, static_cast<uint32_t>(setup.moduleId)));
 }
 
-void printBoard(const AnalogSetupParameters& setup, const char* how) {
+void printBoard(const char* section, const AnalogSetupParameters& setup, const char* how) {
     const AnalogBoard& board = *boardOf(setup);
+    const uint32_t identity = analogBoard_read(&board, ANALOG_IDENTITY);
     std::printf("board %d     %04x:%04x at bus %u, slot %u, found %s\n", setup.moduleId, board.pci.VendorId,
                 board.pci.DeviceId, board.pci.bus, board.pci.slot, how);
     std::printf("            registers at 0x%08x (%u bytes), identity 0x%08x\n", board.pci.BaseAddress[0],
-                board.pci.Length[0], analogBoard_read(&board, ANALOG_IDENTITY));
+                board.pci.Length[0], identity);
+    note(section, "vendor", board.pci.VendorId);
+    note(section, "device", board.pci.DeviceId);
+    note(section, "bus", board.pci.bus);
+    note(section, "slot", board.pci.slot);
+    note(section, "registers_address", board.pci.BaseAddress[0]);
+    note(section, "registers_bytes", board.pci.Length[0]);
+    note(section, "identity", identity);
 }
 
 void printTrigger(const AnalogTimer& timer) {
+    const int cpu = timer.interrupt->irq_cpu_assigned;
     std::printf("trigger     timer interrupt of board %d every %.3f ms, through /dev/uio%d; ", timer.moduleId,
                 timer.periodNs / 1e6, timer.interrupt->uioIndex);
-    const int cpu = timer.interrupt->irq_cpu_assigned;
-    std::printf(timer.pinned ? "the model runs on CPU %d\n" : "CPU %d is not to be had\n", cpu);
+    std::printf(timer.pinned ? "the model runs on CPU %d\n" : "CPU %d is unavailable\n", cpu);
+    note("trigger", "period_us", timer.periodNs / 1e3);
+    note("trigger", "uio", timer.interrupt->uioIndex);
+    noteUnlessUnknown("trigger", "cpu", cpu);
+    note("trigger", "pinned", timer.pinned);
 }
 
 void printController() {
@@ -44,9 +78,12 @@ void printController() {
         std::printf("controller  goes on in run %u, its integrator at %.2f V as the run before left it\n",
                     state.runs, control_loop_DW.startIntegrator);
     }
+    note("controller", "run", state.runs);
+    note("controller", "start_integrator_v", control_loop_DW.startIntegrator);
 }
 
 void printMonitor(const BoardMonitorReport& report) {
+    note("monitor", "ran", report.ran);
     if (!report.ran) {
         std::printf("monitor     did not run: threads at SCHED_FIFO need real-time rights\n");
         return;
@@ -56,45 +93,85 @@ void printMonitor(const BoardMonitorReport& report) {
     if (report.cpu < 0) {
         std::printf("the machine has no CPU to spare\n");
     } else {
-        std::printf(report.pinned ? "ran on CPU %d\n" : "CPU %d is not on this desk, so it ran anywhere\n",
+        std::printf(report.pinned ? "ran on CPU %d\n" : "CPU %d is not on this host, so it ran anywhere\n",
                     report.cpu);
     }
+    note("monitor", "readings", report.readings);
+    note("monitor", "faults", report.faults);
+    note("monitor", "hottest_celsius", report.hottest);
+    noteUnlessUnknown("monitor", "cpu", report.cpu);
+    note("monitor", "pinned", report.pinned);
 }
 
 std::span<const RecordedStep> recordedSteps() {
     return {control_loop_record, std::min<std::size_t>(control_loop_DW.steps, MAX_RECORDED_STEPS)};
 }
 
-void printControl() {
-    const Settling settling = settlingOf(recordedSteps());
-    std::printf("response    %.2f V at last, with the integrator at %.2f V; %u samples lost\n",
-                control_loop_B.response, control_loop_DW.state->integrator, control_loop_DW.stream.lost);
+void printSettling(const Settling& settling) {
+    note("settling", "changes", settling.changes);
+    note("settling", "settled", settling.settled);
     if (settling.changes == 0) {
         std::printf("settling    the run was too short for a change of the set point\n");
         return;
     }
+    const double slowestMs = settling.slowestSteps * control_loop_P.stepSize * kMillisecondsPerSecond;
     std::printf("settling    %u of %u changes between %.2f V and %.2f V came to within 2 %%, ",
                 settling.settled, settling.changes, settling.lowestSetPoint, settling.highestSetPoint);
-    std::printf("at the latest after %.0f ms\n",
-                settling.slowestSteps * control_loop_P.stepSize * kMillisecondsPerSecond);
+    std::printf("at the latest after %.0f ms\n", slowestMs);
+    note("settling", "lowest_set_point_v", settling.lowestSetPoint);
+    note("settling", "highest_set_point_v", settling.highestSetPoint);
+    note("settling", "slowest_ms", slowestMs);
+}
+
+void printControl() {
+    const double integrator = control_loop_DW.state->integrator;
+    std::printf("response    %.2f V at last, with the integrator at %.2f V; %u samples lost\n",
+                control_loop_B.response, integrator, control_loop_DW.stream.lost);
+    note("response", "last_v", control_loop_B.response);
+    note("response", "integrator_v", integrator);
+    note("response", "samples_lost", control_loop_DW.stream.lost);
+    printSettling(settlingOf(recordedSteps()));
+}
+
+/** The version of the library's installed package; a model that runs from a build tree may have none. */
+void printLibrary() {
+    char line[KV_LIB_VERSION_SIZE] = "";
+    if (kv_getLibVersion(line) != 0) {
+        note("versions", "libkv", std::monostate());
+        return;
+    }
+    const std::string version(line, std::strcspn(line, "\n"));
+    std::printf("library     libkv %s\n", version.c_str());
+    note("versions", "libkv", version);
 }
 
 }  // namespace
 
 void printMachine() {
-    std::printf("machine     %s, serial number %d, processor at %d degrees Celsius\n",
-                kv_getTargetMarketingName(), kv_getSerialNumber(), kv_getCpuTemperature());
+    const char* name = kv_getTargetMarketingName();
+    const int serialNumber = kv_getSerialNumber();
+    const int celsius = kv_getCpuTemperature();
+    std::printf("machine     %s, serial number %d, processor at %d degrees Celsius\n", name, serialNumber,
+                celsius);
+    note("machine", "name", name);
+    noteUnlessUnknown("machine", "serial_number", serialNumber);
+    noteUnlessUnknown("machine", "internal_serial_number", kv_getSerialNumberInternal());
+    noteUnlessUnknown("machine", "supplier_serial_number", kv_getSerialNumberSupplier());
+    noteUnlessUnknown("machine", "celsius", celsius);
+    printLibrary();
 }
 
 void printStart() {
-    std::printf("start       %s\n", kv_isFirstModelLoad() != 0
-                                        ? "model load: this model has not run since the machine started"
-                                        : "model run: this model is being restarted");
-    printBoard(control_loop_P.setup1, "as the first board of its kind");
-    printBoard(control_loop_P.setup2, "as the second of two variants");
+    const bool isFirst = kv_isFirstModelLoad() != 0;
+    std::printf("start       %s\n", isFirst ? "model load: this model has not run since the machine started"
+                                            : "model run: this model is being restarted");
+    note("start", "model_load", isFirst);
+    printBoard("board_1", control_loop_P.setup1, "as the first board of its kind");
+    printBoard("board_2", control_loop_P.setup2, "as the second of two variants");
     printTrigger(control_loop_DW.timer);
     std::printf("samples     by DMA to 0x%08llx\n",
                 static_cast<unsigned long long>(control_loop_DW.stream.physicalAddress));
+    note("samples", "dma_address", static_cast<std::int64_t>(control_loop_DW.stream.physicalAddress));
     printController();
 }
 
@@ -105,6 +182,11 @@ void printOutcome() {
     }
     const bool empty = boardOf(control_loop_P.setup1) == nullptr && boardOf(control_loop_P.setup2) == nullptr;
     std::printf("registry    %s\n", empty ? "empty again" : "still holds a module");
+    note("registry", "empty", empty);
+}
+
+std::vector<brevane::Fact> facts() {
+    return notedFacts;
 }
 
 void writeRecord(std::ostream& out) {

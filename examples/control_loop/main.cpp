@@ -39,6 +39,7 @@ int main(int argc, char** argv) {
         .triggerDevice = control_loop_triggerDevice,
         .triggerPeriod = std::chrono::nanoseconds(control_loop_DW.timer.periodNs),
         .record = writeRecord,
+        .facts = facts,
     };
     // Start callbacks run once the model is initialised, on the thread that will step it.
     registerCB_C(

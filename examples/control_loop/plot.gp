@@ -37,8 +37,8 @@ set offsets 0, 0, 0, 0
 set key at graph 1.0, 1.28
 plot signals using 1:4 every ::1 with lines linestyle 1 title 'output of the controller'
 
-# A doubling of the latency has 32 buckets of one width: what counts is their density.
-width(latencyUs) = 2 ** (floor(log(latencyUs * 1000) / log(2)) - 5) / 1000
+# Buckets grow wider with the latency: their height is the number of steps per microsecond.
+width(from, upTo) = upTo - from + 0.001
 set tmargin at screen 0.29
 set bmargin at screen 0.09
 set xlabel 'from the interrupt to the step (us)'
@@ -48,5 +48,5 @@ set yrange [0:*]
 set xrange [0:*] extend
 set style fill solid 0.8 noborder
 unset key
-plot latency using 1:2:($1 - width($1)):1:(0):($2 / width($1)) every ::1 with boxxyerror linestyle 4
+plot latency using 1:3:1:2:(0):($3 / width($1, $2)) every ::1 with boxxyerror linestyle 4
 unset multiplot

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include <brevane/export.h>
@@ -22,6 +23,16 @@ struct Trigger {
     std::chrono::steady_clock::time_point due;
     /** How many triggers fired after the one of the previous step and before this one, and had no step. */
     std::uint64_t missed = 0;
+};
+
+/** One thing that a model reports about its run, for the report that runMain() writes as JSON. */
+struct Fact {
+    /** What the fact is about, such as "machine"; facts of one section stand together. */
+    std::string section;
+    /** Its key in the section. A second fact of the same section and key replaces the first. */
+    std::string key;
+    /** The value; std::monostate stands for one that is not known. */
+    std::variant<std::monostate, bool, std::int64_t, double, std::string> value;
 };
 
 /** What generated code hands to the kernel: the entry points of one model. Only step is required. */
@@ -76,12 +87,17 @@ struct Model {
      * is over and the model terminated, also after a failed run; what is recorded has to outlive terminate.
      */
     void (*record)(std::ostream& out) = nullptr;
+    /**
+     * Optional: what the model reports about its run beside what the kernel knows. Asked once, after the
+     * model has terminated, also after a failed run.
+     */
+    std::vector<Fact> (*facts)() = nullptr;
 };
 
 /** How many steps were how late. */
 struct LatencyBucket {
-    /** The longest latency that is counted here; the shortest is the one above the bucket before. */
-    std::chrono::nanoseconds upTo;
+    std::chrono::nanoseconds from; /**< the shortest latency that is counted here */
+    std::chrono::nanoseconds upTo; /**< the longest one */
     /** How many steps were that late. */
     std::uint64_t steps;
 };
@@ -97,6 +113,8 @@ enum class Verdict {
 struct RunReport {
     /** The model's name. */
     std::string model;
+    /** When the base rate began, in calendar time; the epoch where the run failed before. */
+    std::chrono::system_clock::time_point begin;
     /**
      * How long the base rate ran: from the first step that was due or, with a trigger, the first wait for it,
      * until the loop ended.
@@ -104,6 +122,8 @@ struct RunReport {
     std::chrono::nanoseconds duration{0};
     /** Whether a trigger drove the base rate, and not the clock. */
     bool triggered = false;
+    /** The time between two steps; of no meaning where a trigger drives the base rate. */
+    std::chrono::nanoseconds basePeriod{0};
     /** The device of the trigger, as the model names it; empty without a name. */
     std::string triggerDevice;
     /** Steps taken. */
@@ -132,8 +152,14 @@ struct RunReport {
     std::chrono::nanoseconds maxStepTime{0};
     /** False where the rights for SCHED_FIFO were missing, or the run failed before its first step. */
     bool realTime = false;
+    /** Whether the process's memory was locked while the base rate ran. */
+    bool memoryLocked = false;
+    /** The CPUs that the base-rate thread was allowed on when the base rate ended, in ascending order. */
+    std::vector<int> cpus;
     /** The run's first error, empty where there was none. */
     std::string error;
+    /** What the model reports about its run. */
+    std::vector<Fact> facts;
 
     /** The share of periods that were skipped, in percent of all periods. */
     [[nodiscard]] double skippedPercent() const {
@@ -248,10 +274,11 @@ enum ExitStatus : int {
  * | --trigger-timeout SECONDS | as Kernel::setTriggerTimeout(); for models with a trigger |
  * | --latency FILE | writes the histogram of the latencies, comma-separated below a line of names |
  * | --record FILE | writes what the model has recorded; for models that record |
+ * | --report FILE | writes the report as JSON; docs/report.md lists its keys |
  * | --help | prints all options and the exit statuses |
  *
  * The files are opened before the model is touched, and written, over what they held, after the run, also a
- * failed one. Standard error names a file that cannot be opened or
+ * failed one. Two options may not name one file. Standard error names a file that cannot be opened or
  * written, with the reason. Where one cannot be opened nothing runs and the others keep what they hold.
  *
  * @return one of ExitStatus

@@ -64,7 +64,9 @@ std::array<double, 4> lastRow(const fs::path& file) {
 
 TEST_F(ControlLoop, HoldsThePlantAtItsSetPointAndLeavesNothingBehind) {
     const fs::path record = folder_.path() / "signals.csv";
-    const Outcome first = start("--stop-time 1.2 --record " + record.string());
+    const fs::path report = folder_.path() / "report.json";
+    const Outcome first =
+        start("--stop-time 1.2 --record " + record.string() + " --report " + report.string());
     EXPECT_EQ(first.status, 0);
     EXPECT_THAT(
         first.output,
@@ -77,6 +79,13 @@ TEST_F(ControlLoop, HoldsThePlantAtItsSetPointAndLeavesNothingBehind) {
     EXPECT_GT(time, 0.8);
     EXPECT_NEAR(response, setPoint, 0.15);
     EXPECT_NEAR(output * 0.8, response, 0.5) << "the plant has a gain of 0.8";
+    std::ifstream json(report);
+    EXPECT_THAT(
+        std::string(std::istreambuf_iterator<char>(json), {}),
+        AllOf(HasSubstr("\"verdict\": \"good\""), HasSubstr("\"name\": \"Ember real-time target machine\""),
+              HasSubstr("\"serial_number\": 40127"), HasSubstr("\"libkv\": \"2.4.1\""),
+              HasSubstr("\"device\": \"the timer of board 1 (/dev/uio2)\""), HasSubstr("\"settled\": 1,"),
+              HasSubstr("\"empty\": true")));
 }
 
 TEST_F(ControlLoop, HasOverranWhereItWasHeldUp) {

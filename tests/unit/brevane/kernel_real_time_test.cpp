@@ -133,7 +133,7 @@ TEST(KernelMemory, IsLockedInTheLoopOnly) {
     static long stepping = 0;
     Model model;
     model.step = [] { stepping = statusNumber("/proc/self/status", "VmLck:"); };
-    runFor(1ms, model);
+    EXPECT_TRUE(runFor(1ms, model).memoryLocked);
     EXPECT_GT(stepping, 0);
     EXPECT_EQ(statusNumber("/proc/self/status", "VmLck:"), 0);
 }

@@ -37,7 +37,9 @@ TEST(LatencyHistogram, PutsEveryValueIntoTheBucketThatItsBoundsSay) {
     }
     std::int64_t lower = -1;
     std::uint64_t total = 0;
-    for (const auto& [upTo, steps] : histogram.buckets()) {
+    for (const auto& [from, upTo, steps] : histogram.buckets()) {
+        EXPECT_GT(from.count(), lower);
+        lower = from.count() - 1;
         const auto inside =
             std::count_if(values.begin(), values.end(),
                           [&, upper = upTo.count()](auto value) { return value > lower && value <= upper; });

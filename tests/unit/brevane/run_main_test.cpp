@@ -5,6 +5,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
+#include <regex>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -159,6 +162,11 @@ class RunMainFiles : public testing::Test {
             model);
     }
 
+    static std::string textOf(const std::string& path) {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
     static std::vector<std::string> linesOf(const std::string& path) {
         std::ifstream file(path);
         std::vector<std::string> lines;
@@ -182,15 +190,17 @@ TEST_F(RunMainFiles, HoldTheRecordAndTheLatenciesOfARunAlsoOfAFailedOne) {
     ASSERT_EQ(record.size(), 2U);
     EXPECT_EQ(record[0], "steps");
     ASSERT_GE(latency.size(), 2U);
-    EXPECT_EQ(latency[0], "upper_bound_us,steps");
+    EXPECT_EQ(latency[0], "from_us,up_to_us,steps");
 
     unsigned long steps = 0;
     double formerBound = -1;
     for (std::size_t i = 1; i < latency.size(); ++i) {
+        double from = 0;
         double upTo = 0;
         unsigned long count = 0;
-        ASSERT_EQ(std::sscanf(latency[i].c_str(), "%lf,%lu", &upTo, &count), 2) << latency[i];
-        EXPECT_GT(upTo, formerBound);
+        ASSERT_EQ(std::sscanf(latency[i].c_str(), "%lf,%lf,%lu", &from, &upTo, &count), 3) << latency[i];
+        EXPECT_GT(from, formerBound);
+        EXPECT_GE(upTo, from);
         EXPECT_LT(upTo, 10e6) << "no step began ten seconds late";
         formerBound = upTo;
         steps += count;
@@ -200,7 +210,57 @@ TEST_F(RunMainFiles, HoldTheRecordAndTheLatenciesOfARunAlsoOfAFailedOne) {
     model.errorStatus = [] { return "tank is empty"; };
     EXPECT_EQ(run(recordPath, latencyPath, model).status, 1);
     EXPECT_THAT(linesOf(recordPath), ElementsAre("steps", "0"));
-    EXPECT_THAT(linesOf(latencyPath), ElementsAre("upper_bound_us,steps"));
+    EXPECT_THAT(linesOf(latencyPath), ElementsAre("from_us,up_to_us,steps"));
+}
+
+/** The last group of each match. */
+std::set<std::string> matches(const std::string& text, const char* pattern) {
+    const std::regex regex(pattern);
+    std::set<std::string> found;
+    for (std::sregex_iterator each(text.begin(), text.end(), regex), end; each != end; ++each) {
+        found.insert(each->str(each->size() - 1));
+    }
+    return found;
+}
+
+TEST_F(RunMainFiles, ReportTheRunAsJsonUnderTheDocumentedKeys) {
+    Model model = slowPump();
+    model.facts = [] {
+        return std::vector<brevane::Fact>{{"tank", "litres", 12.5},
+                                          {"tank", "label", "no \xff UTF-8"},
+                                          {"tank", "sealed", true},
+                                          {"tank", "valves", 3},
+                                          {"tank", "maker", {}}};
+    };
+    const std::string path = folder_ / "report.json";
+    EXPECT_EQ(runMain({"--stop-time=0.2", "--max-skipped=0.5", "--report", path}, model).status, 3);
+    const std::string json = textOf(path);
+    EXPECT_THAT(json,
+                AllOf(HasSubstr("\n  \"model\": \"pump\",\n"), HasSubstr("\n  \"verdict\": \"overran\",\n"),
+                      HasSubstr("\n  \"error\": null,\n"), HasSubstr("\n  \"max_skipped_percent\": 0.5,\n"),
+                      HasSubstr("\"base_period_us\": 20000.0\n")));
+    EXPECT_THAT(json, HasSubstr(R"("account": {
+    "tank": {
+      "litres": 12.5,
+      "label": "no )"
+                                "\ufffd"
+                                R"( UTF-8",
+      "sealed": true,
+      "valves": 3,
+      "maker": null
+    }
+  })"));
+
+    auto written = matches(json.substr(0, json.find("\"account\"")), "\n +\"([a-z0-9_]+)\":");
+    written.insert("account");
+    const std::string document = textOf(REPORT_DOCUMENT);
+    EXPECT_EQ(written,
+              matches(document.substr(document.find("## Keys")), "\n\\| `([a-z0-9_]+\\.)*([a-z0-9_]+)` \\|"));
+
+    model.errorStatus = [] { return "tank is empty"; };
+    EXPECT_EQ(runMain({"--report", path}, model).status, 1);
+    EXPECT_THAT(textOf(path), AllOf(HasSubstr("\"verdict\": \"failed\",\n  \"error\": \"tank is empty\""),
+                                    HasSubstr("\"steps\": 0,"), HasSubstr("\"median_us\": null,")));
 }
 
 TEST_F(RunMainFiles, ThatCannotBeOpenedKeepTheModelFromRunning) {
@@ -216,6 +276,7 @@ TEST_F(RunMainFiles, ThatCannotBeOpenedKeepTheModelFromRunning) {
     EXPECT_EQ(noFolder.errors, "--record " + missing + ": No such file or directory\n");
     EXPECT_EQ(run(good, folder_, model).errors, "--latency " + folder_.string() + ": Is a directory\n");
     EXPECT_EQ(run(good, "", model).status, 1);
+    EXPECT_EQ(run(good, good, model).errors, "--record " + good + ": --latency names the same file\n");
     EXPECT_THAT(linesOf(good), ElementsAre("of an earlier run"));
 }
 
@@ -225,6 +286,8 @@ TEST_F(RunMainFiles, ThatCannotBeWrittenFailTheRunButNotEachOther) {
     const Outcome full = run(good, "/dev/full", model);
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.errors, "--latency /dev/full: No space left on device\n");
+    EXPECT_EQ(runMain({"--stop-time=0.02", "--max-skipped=100", "--report=/dev/full"}, model).errors,
+              "--report /dev/full: No space left on device\n");
     EXPECT_EQ(linesOf(good).size(), 2U);
 
     model.record = [](std::ostream&) { throw std::runtime_error("valve stuck"); };
