@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iomanip>
 #include <ostream>
 #include <span>
 #include <string>
@@ -20,6 +21,8 @@
 
 namespace {
 
+/** Tell two steps apart in a run of 1000 s. */
+constexpr int kRecordDigits = 7;
 constexpr double kMillisecondsPerSecond = 1e3;
 
 std::vector<brevane::Fact> notedFacts;
@@ -114,7 +117,7 @@ void printSettling(const Settling& settling) {
         std::printf("settling    the run was too short for a change of the set point\n");
         return;
     }
-    const double slowestMs = settling.slowestSteps * control_loop_P.stepSize * kMillisecondsPerSecond;
+    const double slowestMs = settling.slowestTime * kMillisecondsPerSecond;
     std::printf("settling    %u of %u changes between %.2f V and %.2f V came to within 2 %%, ",
                 settling.settled, settling.changes, settling.lowestSetPoint, settling.highestSetPoint);
     std::printf("at the latest after %.0f ms\n", slowestMs);
@@ -190,10 +193,8 @@ std::vector<brevane::Fact> facts() {
 }
 
 void writeRecord(std::ostream& out) {
-    out << "time_s,set_point_V,response_V,output_V\n";
-    double time = 0;
+    out << std::setprecision(kRecordDigits) << "time_s,set_point_V,response_V,output_V\n";
     for (const RecordedStep& step : recordedSteps()) {
-        out << time << ',' << step.setPoint << ',' << step.response << ',' << step.output << '\n';
-        time += control_loop_P.stepSize;
+        out << step.time << ',' << step.setPoint << ',' << step.response << ',' << step.output << '\n';
     }
 }

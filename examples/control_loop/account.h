@@ -17,5 +17,6 @@ void printOutcome();
 /** What was printed, for the report. */
 std::vector<brevane::Fact> facts();
 
-/** Writes the recorded signals as comma-separated values, one line for each step. */
+/** Writes the recorded signals as comma-separated values, one line for each step. Times are those of the
+ * clock. */
 void writeRecord(std::ostream& out);

@@ -6,6 +6,7 @@
 #include <kv/memory.h>
 
 #define STATE_NAME "control_loop controller"
+#define NS_PER_S 1e9
 
 static const uint16_t voltageBoards[] = {ANALOG_VOLTAGE_BOARD};
 static const uint16_t anyBoards[] = {ANALOG_VOLTAGE_BOARD, ANALOG_CURRENT_BOARD};
@@ -102,13 +103,15 @@ static double clamp(double value, double limit) {
     return fmin(fmax(value, -limit), limit);
 }
 
-/* The level and a share of it take turns, each held for a while. */
-static double nextSetPoint(uint32_t step, double level, double setPoint) {
-    const uint32_t hold = (uint32_t)lround(control_loop_P.holdTime / control_loop_P.stepSize);
-    if (step % hold != 0) {
+/* The level and a share of it take turns, each held for a while, by the clock. */
+static double nextSetPoint(uint64_t elapsedNs, double level, double setPoint) {
+    DW_control_loop_T* dw = &control_loop_DW;
+    const uint32_t holds = (uint32_t)(elapsedNs / (uint64_t)llround(control_loop_P.holdTime * NS_PER_S));
+    if (holds == dw->holds && dw->steps > 0) {
         return setPoint;
     }
-    return step / hold % 2 == 0 ? level : level * control_loop_P.lowShare;
+    dw->holds = holds;
+    return holds % 2 == 0 ? level : level * control_loop_P.lowShare;
 }
 
 /* Where the output is at its limit the integrator rests, so that it need not be unwound afterwards. */
@@ -126,8 +129,12 @@ void control_loop_step(void) {
     B_control_loop_T* b = &control_loop_B;
     DW_control_loop_T* dw = &control_loop_DW;
 
+    if (dw->steps == 0) {
+        dw->firstDueNs = dw->timer.dueNs;
+    }
+    const uint64_t elapsedNs = dw->timer.dueNs - dw->firstDueNs;
     b->level = analogChannel_read(&dw->level);
-    b->setPoint = nextSetPoint(dw->steps, b->level, b->setPoint);
+    b->setPoint = nextSetPoint(elapsedNs, b->level, b->setPoint);
     /* Where the samples are lost, the response of the step before stands. */
     (void)analogStream_read(&dw->stream, dw->timer.tick, RESPONSE_CHANNEL, &b->response);
     b->output = control(b->setPoint - b->response, &dw->state->integrator);
@@ -135,8 +142,8 @@ void control_loop_step(void) {
     analogChannel_write(&dw->mirror, -b->output);
 
     if (dw->steps < MAX_RECORDED_STEPS) {
-        control_loop_record[dw->steps] =
-            (RecordedStep){(float)b->setPoint, (float)b->response, (float)b->output};
+        control_loop_record[dw->steps] = (RecordedStep){(double)elapsedNs / NS_PER_S, (float)b->setPoint,
+                                                        (float)b->response, (float)b->output};
     }
     ++dw->steps;
 }

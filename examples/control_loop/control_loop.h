@@ -51,6 +51,7 @@ typedef struct {
 
 /* One row for each step, until the room is used up. */
 typedef struct {
+    double time; /* s, when the step was due, after the first one */
     float setPoint;
     float response;
     float output;
@@ -60,6 +61,8 @@ enum { MAX_RECORDED_STEPS = 60000 };
 
 typedef struct {
     uint32_t steps;
+    uint64_t firstDueNs;    /* when the first step was due, CLOCK_MONOTONIC */
+    uint32_t holds;         /* times that the set point was held before the current one */
     double startIntegrator; /* V, as this run found it */
     ControllerState* state; /* persistent; null before initialisation */
     AnalogChannel level;

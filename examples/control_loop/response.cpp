@@ -46,7 +46,8 @@ Settling settlingOf(Steps record) {
         ++result.changes;
         if (steps < end - begin) {
             ++result.settled;
-            result.slowestSteps = std::max(result.slowestSteps, static_cast<unsigned>(steps));
+            result.slowestTime =
+                std::max(result.slowestTime, record[begin + steps].time - record[begin].time);
         }
         begin = end;
     }

@@ -9,8 +9,8 @@ struct Settling {
     unsigned changes = 0;
     /** Changes after which the response stayed within 2 % of the change until the next one. */
     unsigned settled = 0;
-    /** The slowest of those, in steps. */
-    unsigned slowestSteps = 0;
+    /** The time that the slowest of those took, in seconds. */
+    double slowestTime = 0;
     double lowestSetPoint = 0;
     double highestSetPoint = 0;
 };

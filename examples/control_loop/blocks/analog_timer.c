@@ -69,6 +69,7 @@ int analogTimer_wait(AnalogTimer* block, int timeoutMs, AnalogTick* tick, KvErro
     tick->dueNs = (uint64_t)analogBoard_read(board, ANALOG_TICK_TIME_HIGH) << 32 |
                   analogBoard_read(board, ANALOG_TICK_TIME_LOW);
     block->tick = ticks;
+    block->dueNs = tick->dueNs;
     return 1;
 }
 

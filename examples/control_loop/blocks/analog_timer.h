@@ -23,6 +23,7 @@ typedef struct AnalogTimer {
     kv_InterruptContext* interrupt; /* likewise */
     char device[48];                /* what the timer is called in messages */
     uint32_t tick;                  /* the one in service */
+    uint64_t dueNs;                 /* when that was due, CLOCK_MONOTONIC */
     bool pinned;                    /* whether the model runs on the trigger's CPU alone */
 } AnalogTimer;
 

@@ -88,11 +88,13 @@ TEST_F(ControlLoop, HoldsThePlantAtItsSetPointAndLeavesNothingBehind) {
               HasSubstr("\"empty\": true")));
 }
 
-TEST_F(ControlLoop, HasOverranWhereItWasHeldUp) {
+TEST_F(ControlLoop, ShowsClockTimesAndOverranWhereItWasHeldUp) {
+    const fs::path record = folder_.path() / "signals.csv";
     const std::string log = (folder_.path() / "log").string();
     const Outcome heldUp =
-        run("sh -c '" + program() + " --stop-time 1.2 2>" + log + " & until grep -q \"control_loop runs\" " +
-            log + "; do sleep 0.02; done; sleep 0.2; kill -STOP $!; sleep 0.3; kill -CONT $!; wait $!'");
+        run("sh -c '" + program() + " --stop-time 1.2 --record " + record.string() + " 2>" + log +
+            " & until grep -q \"control_loop runs\" " + log +
+            "; do sleep 0.02; done; sleep 0.2; kill -STOP $!; sleep 0.3; kill -CONT $!; wait $!'");
     EXPECT_EQ(heldUp.status, 3);
     EXPECT_THAT(heldUp.output,
                 ContainsRegex("\nresult      overran: [0-9]+ of [0-9]+ steps, [2-9][0-9.]+ % of the"));
@@ -100,6 +102,7 @@ TEST_F(ControlLoop, HasOverranWhereItWasHeldUp) {
     ASSERT_TRUE(std::regex_search(heldUp.output, steps, std::regex("\nsteps       ([0-9]+) in 1\\.[2-9]")))
         << heldUp.output;
     EXPECT_LT(std::stoi(steps[1]), 950);
+    EXPECT_GT(lastRow(record)[0], 1.0) << "seconds, however few steps there were";
 }
 
 TEST_F(ControlLoop, NamesTheBoardWhoseInterruptNeverComes) {
