@@ -1,7 +1,9 @@
 # Packages of Debian for arm64, without touching those of this machine; source it after common.sh.
+# shellcheck shell=bash disable=SC2034,SC2154
 
 arm64_sysroot=$root/build/arm64-sysroot
 arm64_kernel=$root/build/arm64-kernel
+arm64_log=$root/build/arm64-apt.log
 
 # What the arm64 preset builds against; the C and C++ headers come with the cross compiler.
 arm64_sysroot_packages=(
@@ -31,6 +33,16 @@ CONF
     APT_CONFIG=$state/apt.conf "$@"
 }
 
+# arm64_fetch COMMAND...: runs an apt command that downloads, and shows how far it is.
+arm64_fetch() {
+    run_logged "$arm64_log" "$counts_of_apt" arm64_apt "$@" -o APT::Status-Fd=1 || arm64_fail
+}
+
+arm64_fail() {
+    fail "Debian's packages for arm64 can't be fetched: $(first_error "$arm64_log")
+$network_remedy"
+}
+
 # arm64_unpack FOLDER PACKAGE...: unpacks the packages, and all that they depend on, into the folder. A folder
 # that holds just these packages stays as it is.
 arm64_unpack() {
@@ -39,8 +51,7 @@ arm64_unpack() {
     [ "$(cat "$folder/.packages" 2>/dev/null)" != "$*" ] || return 0
     rm -rf "$folder"
     arm64_start "$folder"
-    arm64_apt apt-get install -qq --download-only -o Dir::Cache::archives="$folder.new/.archives" "$@" \
-        >/dev/null
+    arm64_fetch apt-get install -y --download-only -o Dir::Cache::archives="$folder.new/.archives" "$@"
     arm64_finish "$folder" "$*"
 }
 
@@ -56,7 +67,7 @@ arm64_unpack_kernel() {
     kbuild=$(arm64_dependency "$headers" linux-kbuild-)
     # The tools that build modules run on this machine.
     set -- "$image" "$headers" "$common" "$kbuild:$(dpkg --print-architecture)" busybox-static
-    (cd "$new/.archives" && arm64_apt apt-get download -qq "$@")
+    (cd "$new/.archives" && arm64_fetch apt-get download "$@")
     arm64_finish "$arm64_kernel" "$*"
 }
 
@@ -70,7 +81,9 @@ arm64_start() {
     echo "Fetching arm64 packages into ${1#"$root/"} ..."
     rm -rf "$1.new"
     mkdir -p "$1.new/.archives/partial"
-    arm64_apt apt-get update -qq
+    arm64_fetch apt-get update
+    # A source without arm64 is not needed.
+    grep -qE '^(Hit|Get):' "$arm64_log" || arm64_fail
 }
 
 # arm64_finish FOLDER PACKAGES: unpacks the package files and renames FOLDER.new.

@@ -65,8 +65,8 @@ build_modules() {
     mkdir -p "$work/modules"
     cp -p "$root"/simulator/modules/* "$work/modules"
     echo "$names" >"$work/modules/.names"
-    if ! make -C "$headers" M="$work/modules" ARCH=arm64 CROSS_COMPILE=aarch64-linux-gnu- modules \
-        >"$log" 2>&1; then
+    if ! run_logged "$log" 's/^ *\(\(CC\|LD\|MODPOST\) .*\)/\1/p' \
+        make -C "$headers" M="$work/modules" ARCH=arm64 CROSS_COMPILE=aarch64-linux-gnu- modules; then
         tail -n 40 "$log" >&2
         echo "The kernel modules can't be built; the whole log is $log" >&2
         return 1
