@@ -110,7 +110,7 @@ void addFileSink(const RotatingLogFile& file) {
     const std::string path = directory + "/brevane.log";
     refuseForeign(directory, path);
     auto backend = boost::make_shared<sinks::text_file_backend>(
-        keywords::file_name = path, keywords::target_file_name = "brevane.%5N.log",
+        keywords::file_name = path, keywords::target_file_name = directory + "/brevane.%5N.log",
         keywords::open_mode = std::ios::app, keywords::rotation_size = file.maxBytes,
         keywords::enable_final_rotation = false, keywords::auto_flush = true,
         keywords::auto_newline_mode = sinks::disabled_auto_newline);

@@ -54,6 +54,7 @@ class LogFile : public testing::Test {
 };
 
 TEST_F(LogFile, StaysWithinItsBoundsAndKeepsTheLastRecords) {
+    fs::current_path("/proc");  // takes no file of ours
     leave("brevane.00007.log", "of an earlier run\n");
     leave("other.log", "not ours\n");
     addFileSink({directory_, 2000, 2});
