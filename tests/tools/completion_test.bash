@@ -2,6 +2,7 @@
 # Completes lines as an interactive bash does. Usage: completion_test.bash COMPLETION_FOLDER KVSIM KVCTL
 set -uo pipefail
 
+export LC_ALL=C  # for the order of what is offered
 PATH=$(dirname "$2"):$(dirname "$3"):$PATH
 . "$1/kvsim.bash"
 . "$1/kvctl.bash"

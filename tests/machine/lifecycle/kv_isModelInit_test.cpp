@@ -57,8 +57,7 @@ TEST_F(ModelRun, ComparesFirstLinesOnly) {
 
 TEST_F(ModelRun, IsTaggedOncePerProcess) {
     setUuid("1234\n");
-    std::error_code isMount;
-    std::filesystem::remove_all("/tmp/kelvaro", isMount);
+    Machine::remove("/tmp/kelvaro");
     EXPECT_THAT(start("tag tag init"),
                 ElementsAre("debug KV: Tag model run: Found existing checksum file",
                             "debug KV: Failed to read old checksum file: Success",
