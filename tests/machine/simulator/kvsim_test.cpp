@@ -28,6 +28,9 @@ const std::string kKvsim = KVSIM_PROGRAM;
 class Kvsim : public testing::Test {
  protected:
     void SetUp() override {
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+            std::signal(signal, SIG_DFL);  // commands inherit that a background shell has them ignored
+        }
         const Outcome first = shell(kKvsim + " run ember true");
         if (first.status == 126) {
             GTEST_SKIP() << first.output;
