@@ -38,25 +38,30 @@ struct FileCloser {
     void operator()(std::FILE* file) const noexcept { std::fclose(file); }
 };
 
-/** The path of a file of a function, or of its folder. */
-std::string pathOf(const PciAddress& function, const char* file) {
-    std::array<char, 64> name;
-    std::snprintf(name.data(), name.size(), "/%04x:%02x:%02x.%x/", function.domain, function.bus,
-                  function.slot, function.function);
-    return std::string(kPciDevicesDirectory) + name.data() + file;
-}
+/** The path of a file of a function, or of its folder. Needs no memory, as a look-up after the first one. */
+class FunctionPath {
+ public:
+    FunctionPath(const PciAddress& function, const char* file) {
+        std::snprintf(text_.data(), text_.size(), "%s/%04x:%02x:%02x.%x/%s", kPciDevicesDirectory,
+                      function.domain, function.bus, function.slot, function.function, file);
+    }
+    [[nodiscard]] const char* c_str() const { return text_.data(); }
+
+ private:
+    std::array<char, 96> text_;
+};
 
 PciAddress addressOf(const pci_dev& device) {
     return {static_cast<unsigned>(device.domain), device.bus, device.dev, device.func};
 }
 
 bool isMissing(const PciAddress& function) {
-    return ::access(pathOf(function, "").c_str(), F_OK) != 0 && errno == ENOENT;
+    return ::access(FunctionPath(function, "").c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
 void checkResources(const pci_dev& device) {
     std::array<char, 128> text;
-    const std::string path = pathOf(addressOf(device), "resource");
+    const FunctionPath path(addressOf(device), "resource");
     const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
     if (!file) {
         return;  // libpci tells
@@ -66,7 +71,7 @@ void checkResources(const pci_dev& device) {
         unsigned long long end = 0;
         unsigned long long flags = 0;
         if (std::sscanf(text.data(), "%llx %llx %llx", &start, &end, &flags) != 3) {
-            throw PciError("no address ranges: " + path);
+            throw PciError(std::string("no address ranges: ") + path.c_str());
         }
     }
 }
@@ -155,7 +160,8 @@ bool openConfig(pci_dev& device, int flags) {
         return true;
     }
     UniqueFd(std::exchange(access.fd, -1)).reset();
-    access.fd = openFile(pathOf(addressOf(device), "config"), flags).release();  // libpci closes it
+    access.fd =
+        openFile(FunctionPath(addressOf(device), "config").c_str(), flags).release();  // libpci closes it
     access.fd_rw = static_cast<int>(forWriting);
     access.fd_pos = 0;
     access.cached_dev = &device;
