@@ -276,12 +276,13 @@ auto openFiles() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-/** Of files and devices: those of threads and of the allocator come and go. */
+/** Of files and devices: those of threads and of the allocator come and go, freed persistent memory stays. */
 std::string mappings() {
     std::ifstream file("/proc/self/maps");
     std::string found;
     for (std::string line; std::getline(file, line);) {
-        found += line.find('/') == std::string::npos ? "" : line + "\n";
+        const bool isOfFile = line.find('/') != std::string::npos && !line.ends_with("(deleted)");
+        found += isOfFile ? line + "\n" : "";
     }
     return found;
 }
