@@ -22,15 +22,33 @@ constexpr std::size_t kInterfaceTypeSize = 13;
 
 constexpr u32 kMultiFunctionBit = 0x80;
 
-/** Memory that callers get: from malloc, and never null. */
-template <typename Record>
-Record* allocate(std::size_t count) {
-    auto* memory = static_cast<Record*>(std::malloc(count * sizeof(Record)));
-    if (memory == nullptr) {
-        throw std::bad_alloc();
+struct FreeMemory {
+    void operator()(void* memory) const noexcept { std::free(memory); }
+};
+
+/** The memory of a tree, from malloc as callers get it. A tree that is not finished goes with this object. */
+class TreeMemory {
+ public:
+    template <typename Record>
+    Record* allocate(std::size_t count) {
+        auto& owner = allocated_.emplace_back();
+        owner.reset(std::malloc(count * sizeof(Record)));
+        if (owner == nullptr) {
+            throw std::bad_alloc();
+        }
+        return static_cast<Record*>(owner.get());
     }
-    return memory;
-}
+
+    /** Leaves all of it to the caller. */
+    void release() noexcept {
+        for (auto& owner : allocated_) {
+            (void)owner.release();
+        }
+    }
+
+ private:
+    std::vector<std::unique_ptr<void, FreeMemory>> allocated_;
+};
 
 /** The function addresses of domain 0 at which a probe may find something. */
 class Candidates {
@@ -62,8 +80,8 @@ class Candidates {
     std::bitset<kBuses * kFunctionsPerBus> functions_;
 };
 
-char* interfaceText(pci_dev& device) {
-    char* text = allocate<char>(kInterfaceTypeSize);
+char* interfaceText(pci_dev& device, TreeMemory& memory) {
+    char* text = memory.allocate<char>(kInterfaceTypeSize);
     const pci_cap* express = pci_find_cap(&device, PCI_CAP_ID_EXP, PCI_CAP_NORMAL);
     if (express == nullptr) {
         std::strcpy(text, "PCI");
@@ -78,7 +96,7 @@ char* interfaceText(pci_dev& device) {
     return text;
 }
 
-kv_topo_node describe(pci_dev& device, kv_topo_node* parent) {
+kv_topo_node describe(pci_dev& device, kv_topo_node* parent, TreeMemory& memory) {
     const u32 ids = pci_read_long(&device, PCI_VENDOR_ID);
     const u32 subsystemIds = pci_read_long(&device, PCI_SUBSYSTEM_VENDOR_ID);
     const u32 headerType = (pci_read_long(&device, PCI_CACHE_LINE_SIZE) >> 16) & 0xFFU;
@@ -91,7 +109,7 @@ kv_topo_node describe(pci_dev& device, kv_topo_node* parent) {
         .SubVID = subsystemIds & 0xFFFFU,
         .SubDID = subsystemIds >> 16,
         .classcode = pci_read_long(&device, PCI_CLASS_REVISION) >> 8,
-        .interfaceType = interfaceText(device),
+        .interfaceType = interfaceText(device, memory),
         .MF = (headerType & kMultiFunctionBit) != 0,
         .headerType = headerType & ~kMultiFunctionBit,
         .customData = 0,
@@ -110,7 +128,11 @@ class TopologyScan {
             return 0;
         }
         onBranch_.set(bus);
-        return scanBusesForTreeElements(bus, bus, nullptr, result);
+        kv_topo_node* nodes = nullptr;
+        const uint32_t count = scanBusesForTreeElements(bus, bus, nullptr, &nodes);
+        memory_.release();
+        *result = nodes;
+        return count;
     }
 
  private:
@@ -124,7 +146,7 @@ class TopologyScan {
         if (found.empty()) {
             return 0;
         }
-        *result = allocate<kv_topo_node>(found.size());
+        *result = memory_.allocate<kv_topo_node>(found.size());
         std::memcpy(*result, found.data(), found.size() * sizeof(kv_topo_node));
 
         const auto count = static_cast<uint32_t>(found.size());
@@ -150,7 +172,7 @@ class TopologyScan {
                 if (!kv::os::isPresent(*device)) {
                     continue;
                 }
-                found.push_back(describe(*device, parent));
+                found.push_back(describe(*device, parent, memory_));
                 if (function == 0 && !found.back().MF) {
                     break;
                 }
@@ -161,7 +183,7 @@ class TopologyScan {
     kv_topo_bridge* scanBehindBridge(kv_topo_node& node) {
         const PciDevicePtr device = kv::os::getPciDevice(access_, node.bus, node.slot, node.func);
         const u32 buses = pci_read_long(device.get(), PCI_PRIMARY_BUS);
-        auto* bridge = allocate<kv_topo_bridge>(1);
+        auto* bridge = memory_.allocate<kv_topo_bridge>(1);
         *bridge = {.prim = buses & 0xFFU,
                    .sec = (buses >> 8) & 0xFFU,
                    .sub = (buses >> 16) & 0xFFU,
@@ -180,6 +202,7 @@ class TopologyScan {
 
     pci_access& access_;
     Candidates candidates_;
+    TreeMemory memory_;
     std::bitset<kBuses> onBranch_;
 };
 
@@ -217,12 +240,8 @@ void printBranch(unsigned depth, const kv_topo_node* nodes, uint32_t n) {
 int32_t kv_getPciTopologyAtBus(kv_topo_node** topo, uint32_t bus) {
     const kv::os::CancellationHold hold;
     *topo = nullptr;
-    return kv::pci::orOnFailure(-1, [&] {
-        kv_topo_node* nodes = nullptr;
-        const uint32_t count = TopologyScan(*kv_pci_access()).scanFrom(bus, &nodes);
-        *topo = nodes;
-        return static_cast<int32_t>(count);
-    });
+    return kv::pci::orOnFailure(
+        -1, [&] { return static_cast<int32_t>(TopologyScan(*kv_pci_access()).scanFrom(bus, topo)); });
 }
 
 int32_t kv_getPciTopology(kv_topo_node** topo) {
