@@ -24,7 +24,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
 endif()
 
 if(KV_SANITIZE)
-    add_compile_options(-fsanitize=${KV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    # The check of virtual tables opens a pipe: without a free descriptor, which some tests bring about, it reports
+    # sound objects.
+    add_compile_options(-fsanitize=${KV_SANITIZE} -fno-sanitize=vptr -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${KV_SANITIZE})
 endif()
 
