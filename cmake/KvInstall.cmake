@@ -22,7 +22,6 @@ install(FILES ${PROJECT_BINARY_DIR}/kvConfig.cmake ${PROJECT_BINARY_DIR}/kvConfi
 # The files tell their prefix from where they lie, so that an installed tree may be moved.
 set(pkgconfig ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH prefix_from_pkgconfig /${pkgconfig} /)
-get_property(KV_DEFINITIONS GLOBAL PROPERTY KV_DEFINITIONS)
 foreach(file kv.pc brevane.pc)
     configure_file(cmake/${file}.in ${PROJECT_BINARY_DIR}/${file} @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/${file} DESTINATION ${pkgconfig})

@@ -14,11 +14,15 @@
  *     -DKV_BLOCK_DESCRIPTOR_HEADER='"platform_block_descriptor.h"'
  *
  * The library and all driver blocks of one process must be compiled with the same definition: the layout is
- * not checked when they meet. The library's own build takes it as a CMake option of that name, and its CMake
- * package and kv.pc give it to every project that uses them.
+ * not checked when they meet. The library's own build takes it as a CMake option of that name and then
+ * installs kv/block_descriptor_choice.h, which makes the same choice in every project that uses the library.
  */
 #ifndef KV_BLOCK_DESCRIPTOR_H
 #define KV_BLOCK_DESCRIPTOR_H
+
+#if !defined(KV_BLOCK_DESCRIPTOR_HEADER) && __has_include(<kv/block_descriptor_choice.h>)
+#include <kv/block_descriptor_choice.h>
+#endif
 
 #ifdef KV_BLOCK_DESCRIPTOR_HEADER
 #include KV_BLOCK_DESCRIPTOR_HEADER
