@@ -181,7 +181,9 @@ void joinMachine(const RunningMachine& machine) {
     const UniqueFd mounts = otherNamespace(machine, "ns/mnt");
     const UniqueFd hostName = otherNamespace(machine, "ns/uts");
     const UniqueFd root = kv::os::openFile(procPath(machine.mainProcess(), "root"), O_PATH | O_DIRECTORY);
-    if (!root || (user && ::setns(user.get(), CLONE_NEWUSER) != 0) ||
+    // A thread that shares its root folder with others, such as one of a sanitizer, may not change its
+    // mounts.
+    if (!root || ::unshare(CLONE_FS) != 0 || (user && ::setns(user.get(), CLONE_NEWUSER) != 0) ||
         (mounts && ::setns(mounts.get(), CLONE_NEWNS) != 0) || ::fchdir(root.get()) != 0 ||
         ::chroot(".") != 0) {
         failToJoin(machine);
