@@ -1,13 +1,12 @@
 #pragma once
 
 #include <linux/capability.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace kv::os {
 
-/** The rights of the calling thread, and the process's dumpable flag, which a change of user clears. */
+/** The rights of the calling thread. */
 class Credential {
  public:
     Credential() noexcept {
@@ -15,8 +14,12 @@ class Credential {
         (void)::syscall(SYS_capget, &header, capabilities_);  // fails for nothing that is passed here
     }
 
-    /** Drops what the calling thread has inherited above these rights. @return whether the user is the former
-     * one */
+    /**
+     * Drops what the calling thread has inherited above these rights. A change of user clears the process's
+     * dumpable flag, which an IamRoot of another thread puts back if it lives on.
+     *
+     * @return whether the user is the former one
+     */
     [[nodiscard]] bool restore() const noexcept {
         constexpr auto kUnchanged = static_cast<uid_t>(-1);
         if (::geteuid() == user_) {
@@ -28,7 +31,6 @@ class Credential {
         }
         auto header = ofThisThread();
         (void)::syscall(SYS_capset, &header, capabilities_);  // the change of user took the effective ones
-        (void)::prctl(PR_SET_DUMPABLE, dumpable_);
         return true;
     }
 
@@ -38,7 +40,6 @@ class Credential {
     }
 
     uid_t user_ = ::geteuid();
-    int dumpable_ = ::prctl(PR_GET_DUMPABLE);
     __user_cap_data_struct capabilities_[_LINUX_CAPABILITY_U32S_3] = {};
 };
 

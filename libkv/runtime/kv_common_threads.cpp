@@ -5,6 +5,7 @@
 #include <new>
 #include <pthread.h>
 #include <sched.h>
+#include <semaphore.h>
 
 #include <kv/diagnostics.h>
 #include <kv/threads.h>
@@ -15,18 +16,35 @@
 
 namespace {
 
+/** What a new thread takes over from its creator, on whose stack it lies until the rights are dropped. */
 struct ThreadStart {
+    ThreadStart(void* (*runs)(void*), void* with) : function(runs), argument(with) {
+        sem_init(&rightsDropped, 0, 0);  // fails for nothing that is passed here
+    }
+    ~ThreadStart() { sem_destroy(&rightsDropped); }
+    ThreadStart(const ThreadStart&) = delete;
+    ThreadStart& operator=(const ThreadStart&) = delete;
+
+    void waitUntilRightsAreDropped() {
+        while (sem_wait(&rightsDropped) != 0) {  // a signal handler has run
+        }
+    }
+
     void* (*function)(void*);
     void* argument;
     kv::os::Credential credential;
+    sem_t rightsDropped{};
 };
 
-void* runThread(void* argument) {
-    const ThreadStart start = *std::unique_ptr<ThreadStart>(static_cast<ThreadStart*>(argument));
+void* runThread(void* record) {
+    auto& start = *static_cast<ThreadStart*>(record);
     if (!start.credential.restore()) {
         std::abort();  // rather than run on as root unasked
     }
-    return start.function(start.argument);
+    const auto function = start.function;
+    auto* const argument = start.argument;
+    sem_post(&start.rightsDropped);  // from here on the record may be gone
+    return function(argument);
 }
 
 /** Asks for SCHED_FIFO at @p priority whatever the creating thread runs at. A failing step is logged. */
@@ -56,17 +74,19 @@ bool initialiseAttributes(pthread_attr_t& attributes, int priority) {
     return true;
 }
 
-/** @return 0 or an error number */
+/**
+ * The new thread drops its root rights while the creator still has them: whoever is root last puts the
+ * process's dumpable flag back, and nothing may clear it after that.
+ *
+ * @return 0 or an error number
+ */
 int createAsRoot(pthread_t& thread, const pthread_attr_t& attributes, void* (*function)(void*),
                  void* argument) {
-    std::unique_ptr<ThreadStart> start(new (std::nothrow) ThreadStart{function, argument, {}});
-    if (start == nullptr) {
-        return ENOMEM;
-    }
+    ThreadStart start(function, argument);
     const kv_beRootObj root;
-    const int result = pthread_create(&thread, &attributes, runThread, start.get());
+    const int result = pthread_create(&thread, &attributes, runThread, &start);
     if (result == 0) {
-        (void)start.release();  // the new thread frees it
+        start.waitUntilRightsAreDropped();
     }
     return result;
 }

@@ -87,7 +87,8 @@ KV_EXPORT int kv_setAbilities(void);
 
 /**
  * Starts a thread at SCHED_FIFO and its lowest priority, whatever the caller runs at. It has the caller's
- * rights, without the root rights that its creation takes.
+ * rights, without the root rights that its creation takes. The call waits until it runs, which needs a
+ * processor of the caller's affinity that no thread of a higher priority keeps for itself.
  *
  * @param func  runs on the new thread
  * @return the thread's handle, which kv_destroyThread() frees; null, with a log record, when the thread

@@ -1,3 +1,4 @@
+#include <array>
 #include <chrono>
 #include <map>
 #include <sched.h>
@@ -128,6 +129,16 @@ TEST(KvThread, DoesNotKeepTheRootRightsThatItsCreationTook) {
     withWorker.erase(gettid());
     EXPECT_EQ(worker.users, withWorker);
 
+    const kv::test::LogCapture quiet;
+    for (int round = 0; round < 400; ++round) {
+        std::array<void*, 5> oneAfterTheOther{};
+        for (void*& next : oneAfterTheOther) {
+            next = kv_createThread([](void*) -> void* { return nullptr; }, nullptr);
+        }
+        for (void* each : oneAfterTheOther) {
+            kv_destroyThread(each);
+        }
+    }
     kv_destroyThread(handle);
     EXPECT_EQ(effectiveUsers(), everyoneNobody);
     EXPECT_EQ(prctl(PR_GET_DUMPABLE), 1);
