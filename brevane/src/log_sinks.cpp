@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <exception>
 #include <fcntl.h>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
@@ -27,6 +28,8 @@ namespace logging = boost::log;
 namespace expressions = boost::log::expressions;
 namespace keywords = boost::log::keywords;
 namespace sinks = boost::log::sinks;
+
+constexpr const char* kFileName = "brevane.log";
 
 /** Writes straight to the descriptor: a stream would go silent for good after one failed write. */
 class ConsoleBackend : public sinks::basic_formatted_sink_backend<char> {
@@ -63,17 +66,35 @@ bool isOurs(const struct stat& status) {
 }
 
 /** Throws where another user could lead the log to a file of their choice. */
-void refuseForeign(const std::string& directory, const std::string& file) {
+void refuseForeign(int directory) {
     struct stat status {};
-    if (lstat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || !isOurs(status) ||
-        (status.st_mode & S_IWOTH) != 0) {
+    if (fstat(directory, &status) != 0 || !isOurs(status) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         throw std::runtime_error("the folder is a link, or another user may write to it");
     }
-    const bool exists = lstat(file.c_str(), &status) == 0;
+    const bool exists = fstatat(directory, kFileName, &status, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && (!S_ISREG(status.st_mode) || !isOurs(status) || status.st_nlink > 1)) {
-        throw std::runtime_error(file + " is a link, or belongs to another user");
+        throw std::runtime_error(std::string(kFileName) + " is a link, or belongs to another user");
     }
 }
+
+/**
+ * Opens a directory for the sink that keeps its files there, and names it by the descriptor: files opened
+ * later are in this directory, whatever its path leads to then.
+ */
+class PinnedDirectory {
+ public:
+    explicit PinnedDirectory(const std::filesystem::path& path)
+        : fd_(open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {}
+    ~PinnedDirectory() { close(fd_); }
+    PinnedDirectory(const PinnedDirectory&) = delete;
+    PinnedDirectory& operator=(const PinnedDirectory&) = delete;
+
+    [[nodiscard]] int fd() const { return fd_; }
+    [[nodiscard]] std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+
+ private:
+    int fd_;
+};
 
 }  // namespace
 
@@ -106,16 +127,18 @@ void addFileSink(const RotatingLogFile& file) {
     if (!isWritableDirectory(file.directory)) {
         return;
     }
-    const std::string directory = file.directory.string();
-    const std::string path = directory + "/brevane.log";
-    refuseForeign(directory, path);
-    auto backend = boost::make_shared<sinks::text_file_backend>(
-        keywords::file_name = path, keywords::target_file_name = directory + "/brevane.%5N.log",
-        keywords::open_mode = std::ios::app, keywords::rotation_size = file.maxBytes,
-        keywords::enable_final_rotation = false, keywords::auto_flush = true,
-        keywords::auto_newline_mode = sinks::disabled_auto_newline);
+    const auto directory = std::make_shared<PinnedDirectory>(file.directory);
+    refuseForeign(directory->fd());
+    const std::string path = directory->path();
+    const boost::shared_ptr<sinks::text_file_backend> backend(
+        new sinks::text_file_backend(
+            keywords::file_name = path + '/' + kFileName,
+            keywords::target_file_name = path + "/brevane.%5N.log", keywords::open_mode = std::ios::app,
+            keywords::rotation_size = file.maxBytes, keywords::enable_final_rotation = false,
+            keywords::auto_flush = true, keywords::auto_newline_mode = sinks::disabled_auto_newline),
+        [directory](sinks::text_file_backend* closing) { delete closing; });
     backend->set_file_collector(
-        sinks::file::make_collector(keywords::target = directory, keywords::max_files = file.oldFilesKept));
+        sinks::file::make_collector(keywords::target = path, keywords::max_files = file.oldFilesKept));
     backend->scan_for_files();
     addSink(backend, "%Y-%m-%d %H:%M:%S.%f");
 }

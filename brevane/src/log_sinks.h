@@ -31,7 +31,7 @@ struct RotatingLogFile {
 /**
  * Sends records to brevane.log in the directory. Does nothing where that can't be written to. Throws
  * std::runtime_error where the directory or the file is a link or belongs to another user than root and the
- * effective one, and where everybody may write to the directory.
+ * effective one, and where its group or everybody may write to the directory.
  */
 void addFileSink(const RotatingLogFile& file);
 
