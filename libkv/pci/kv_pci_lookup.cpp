@@ -83,9 +83,17 @@ int findByIndex(const Identity& wanted, int position, kv_PCIDevice& record) {
             continue;
         }
         ++counter;
-        if (position <= counter) {
+        if (position > counter) {
+            continue;
+        }
+        try {
             fillRecord(*device, static_cast<uint32_t>(counter), record);
             return kFound;
+        } catch (const kv::os::PciError&) {
+            if (!kv::os::hasVanished(*device)) {
+                throw;
+            }
+            --counter;  // the board behind it takes its number
         }
     }
     return kNotFound;

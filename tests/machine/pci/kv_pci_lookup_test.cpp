@@ -191,6 +191,8 @@ TEST_F(Lookup, AtASlotRescansWhileByIndexKeepsItsList) {
     kvsim::Machine::remove("/sys/bus/pci/devices/0000:03:07.0");
     EXPECT_EQ(atSlot(3, 7), 1);
     EXPECT_EQ(byIndex(2), 0) << "the list of the first look-up still counts the board that has gone";
+    EXPECT_EQ(byIndex(1), 0);
+    EXPECT_EQ(record_.bus, 5U) << "asked for, it does not hide the one behind it";
 }
 
 TEST_F(Lookup, FindsABlocksBoardInEitherMode) {
