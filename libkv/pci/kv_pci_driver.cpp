@@ -1,7 +1,9 @@
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include <kv/diagnostics.h>
 
@@ -16,6 +18,7 @@ using kv::os::openFile;
 using kv::os::UniqueFd;
 using kv::pci::SysfsText;
 
+constexpr std::size_t kLongestBindFile = std::string_view("/sys/bus/pci/drivers//bind").size() + NAME_MAX;
 constexpr const char* kProbeFile = "/sys/bus/pci/drivers_probe";
 
 /** Hands a board's address to the kernel. What the kernel makes of it is not examined: see kv/pci.h. */
@@ -57,7 +60,7 @@ int kv_pci_bindDriver(kv_PCIDevice* device, const char* driverName) try {
     const kv_beRootObj root;
     (void)kv_pci_unbindDriver(device);  // the board may be free already
     const std::string path = kv::utils::formatString("/sys/bus/pci/drivers/%s/bind", driverName);
-    const UniqueFd file = openFile(path, O_WRONLY);
+    const UniqueFd file = path.size() > kLongestBindFile ? UniqueFd() : openFile(path, O_WRONLY);
     if (!file) {
         kv_printf(kv_info, "Could not open bind file %s for writing.\n", path.c_str());
         return -1;

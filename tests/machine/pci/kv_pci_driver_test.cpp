@@ -83,10 +83,12 @@ TEST_F(DriverBinding, ReportsFilesThatCannotBeOpened) {
     const std::string longest(255, 'd');
     const std::string bind = kDrivers + longest + "/bind";
     Machine::write(bind, "");
-    EXPECT_EQ(kv_pci_bindDriver(&free_, (longest + "x").c_str()), -1);
-    EXPECT_EQ(Machine::read(bind), "") << "a name that begins like another driver's";
-    EXPECT_THAT(log_.take(), ElementsAre(info("Could not open bind file " + std::string(kDrivers) + longest +
-                                              "x/bind for writing.")));
+    for (const std::string& name : {longest + "x", "analog/../" + longest}) {
+        EXPECT_EQ(kv_pci_bindDriver(&free_, name.c_str()), -1);
+        EXPECT_EQ(Machine::read(bind), "") << "a name that begins or ends like another driver's";
+        EXPECT_THAT(log_.take(), ElementsAre(info("Could not open bind file " + std::string(kDrivers) + name +
+                                                  "/bind for writing.")));
+    }
     EXPECT_EQ(kv_pci_bindDriver(&free_, longest.c_str()), 0);
     EXPECT_EQ(Machine::read(bind), "0000:1a:0c.0");
     Machine::remove("/sys/bus/pci/drivers_probe");
