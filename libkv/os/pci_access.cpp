@@ -29,8 +29,6 @@ void throwPciError(char* msg, ...) {
     throw PciError(text.data());
 }
 
-constexpr u16 kAbsentVendorId = 0xFFFF;
-
 // An exception through libpci's frames leaves open what libpci has open. Of its failures two come while it
 // reads a file of the system, so these files are checked before it reads them.
 

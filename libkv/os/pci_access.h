@@ -15,6 +15,9 @@ namespace kv::os {
 
 constexpr const char* kPciDevicesDirectory = "/sys/bus/pci/devices";
 
+/** The vendor id that is read where no function answers. */
+constexpr u16 kAbsentVendorId = 0xFFFF;
+
 /** A libpci failure after which the call in progress cannot go on. */
 class PciError : public std::runtime_error {
     using std::runtime_error::runtime_error;

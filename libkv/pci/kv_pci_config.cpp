@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <unistd.h>
 
 #include <kv/diagnostics.h>
 
@@ -28,14 +29,27 @@ constexpr int kHeaderSize = 64;
 
 using SaveArea = std::array<uint32_t, kSavedCommand + 1>;
 
-/** Runs an operation on function 0 of a board through a fresh access object. @return what it returns; false
- * where the board is absent */
+enum class Outcome { Done, Failed, Absent };
+
+/**
+ * Runs an operation on function 0 of a board through a fresh access object. Failed where the operation
+ * returns false, or where the system lists the function but its vendor id cannot be read.
+ */
 template <typename Operation>
-bool withPresentDevice(const kv_PCIDevice& board, Operation operation) {
-    return orOnFailure(false, [&] {
+Outcome withPresentDevice(const kv_PCIDevice& board, Operation operation) {
+    const bool isListed = ::access(kv::pci::sysfsPath(board, "").c_str(), F_OK) == 0;
+    const Outcome unread = isListed ? Outcome::Failed : Outcome::Absent;
+    return orOnFailure(unread, [&] {
         const PciAccessPtr access = kv::os::openPciAccess();
         const PciDevicePtr device = kv::os::getPciDevice(*access, board.bus, board.slot, 0);
-        return kv::os::isPresent(*device) && operation(*device);
+        const auto vendor = kv::os::readRegister(*device, PCI_VENDOR_ID, sizeof(u16));
+        if (!vendor) {
+            return unread;
+        }
+        if (*vendor == kv::os::kAbsentVendorId) {
+            return Outcome::Absent;
+        }
+        return operation(*device) ? Outcome::Done : Outcome::Failed;
     });
 }
 
@@ -57,16 +71,17 @@ std::optional<SaveArea> readConfiguration(pci_dev& device) {
 
 void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave) {
     const kv::os::CancellationHold hold;
-    const bool saved = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
+    const Outcome outcome = withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
         const auto configuration = readConfiguration(device);
-        if (!configuration) {
-            configSave[kSavedCommand] = kNotSaved;
-            return false;
+        if (configuration) {
+            std::ranges::copy(*configuration, configSave);
         }
-        std::ranges::copy(*configuration, configSave);
-        return true;
+        return configuration.has_value();
     });
-    if (!saved) {
+    if (outcome == Outcome::Failed) {
+        configSave[kSavedCommand] = kNotSaved;
+    }
+    if (outcome != Outcome::Done) {
         kv_printf(kv_error, "PCI header backup: device not found (bus: %d / slot: %d)\n", pciinfo->bus,
                   pciinfo->slot);
     }
@@ -76,7 +91,8 @@ void kvPCI_restorePCIConfig(kv_PCIDevice* pciinfo, const uint32_t* configSave) {
     const kv::os::CancellationHold hold;
     const kv_beRootObj root;
     const bool restored =
-        configSave[kSavedCommand] != kNotSaved && withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
+        configSave[kSavedCommand] != kNotSaved &&
+        withPresentDevice(*pciinfo, [configSave](pci_dev& device) {
             (void)kv::os::openConfig(device, O_RDWR);  // whether writes arrive is not examined
             for (std::size_t i = 0; i < kSavedDwords.size(); ++i) {
                 pci_write_long(&device, kSavedDwords[i], configSave[i]);
@@ -84,7 +100,7 @@ void kvPCI_restorePCIConfig(kv_PCIDevice* pciinfo, const uint32_t* configSave) {
             pci_write_word(&device, PCI_COMMAND, static_cast<u16>(configSave[kSavedCommand]));
             pci_write_byte(&device, PCI_COMMAND, PCI_COMMAND_MEMORY | PCI_COMMAND_MASTER);
             return true;
-        });
+        }) == Outcome::Done;
     if (!restored) {
         kv_printf(kv_error, "PCI header restore: device not found (bus: %d / slot: %d)\n", pciinfo->bus,
                   pciinfo->slot);

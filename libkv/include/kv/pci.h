@@ -203,7 +203,7 @@ KV_EXPORT void kv_showPciDevice(kv_PCIDevice* pDev);
  * record. Where no function 0 answers there, that is logged at kv_error and @p configSave stays as it is.
  *
  * @param configSave  receives eight words: the six BARs, the dword at 0x3C, the command register. Where
- * function 0 answers but one of them cannot be read, only the last is set, to 0xffffffff, and the same is
+ * function 0 is there but a register cannot be read, only the last is set, to 0xffffffff, and the same is
  * logged.
  */
 KV_EXPORT void kvPCI_backupPCIConfig(kv_PCIDevice* pciinfo, uint32_t* configSave);
