@@ -57,7 +57,7 @@ std::shared_ptr<const bool> addJsonFlag(command_line::Command& command) {
 }
 
 void printJson(const Json& value) {
-    std::cout << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+    std::cout << value.dump(2, ' ', true, Json::error_handler_t::replace) << '\n';
 }
 
 std::string printable(std::string_view text) {

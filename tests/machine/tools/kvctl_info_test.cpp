@@ -62,6 +62,8 @@ TEST(KvctlInfo, ShowsNothingThatATerminalObeys) {
     Machine::write(kVersionFile, hostile);
     EXPECT_THAT(kvctl("info").output, testing::EndsWith("               " + shown))
         << "second line of the screen";
+    EXPECT_THAT(kvctl("info --json").output,
+                testing::HasSubstr(R"(>2\u001b[2J\ufffd\u009b\r\u0000\t\u007f\u00f6\ufffd<)"));
     Machine::write("/usr/kelvaro/sysinfo/ethTranslateFile.txt", "e\x1b:0:L\a;");
     EXPECT_EQ(kvctl("eth").output,
               "kvctl: /sys/class/net/e\\x1B/address: No such file or directory\n"
