@@ -33,13 +33,15 @@ int reserve(int fd, off_t size) {
     return error;
 }
 
-/** @return 0 or an error number */
+/** Writes from the beginning of the file. @return 0 or an error number */
 int writeAll(int fd, std::string_view text) {
+    off_t place = 0;
     while (!text.empty()) {
-        const ssize_t count = ::write(fd, text.data(), text.size());
+        const ssize_t count = ::pwrite(fd, text.data(), text.size(), place);
         if (count < 0 && errno != EINTR) {
             return errno;
         }
+        place += std::max(count, ssize_t{0});
         text.remove_prefix(static_cast<std::size_t>(std::max(count, ssize_t{0})));
     }
     return 0;
@@ -47,7 +49,8 @@ int writeAll(int fd, std::string_view text) {
 
 /**
  * Makes a text all that a file holds, in the file's place on the disk: readers that have it open see the new
- * text. Room is reserved first, so where the disk is full the file stays as it was.
+ * text. Room is reserved first, so where the disk is full the file stays as it was; where writing fails the
+ * old text is written back.
  *
  * @return 0 or an error number
  */
@@ -57,14 +60,20 @@ int replaceText(int fd, const std::string& text) {
     if (::fstat(fd, &before) != 0) {
         return errno;
     }
-    if (const int error = size == 0 ? 0 : reserve(fd, size); error != 0) {
-        (void)!::ftruncate(fd, before.st_size);  // what was reserved goes
-        return error;
+    std::string old(static_cast<std::size_t>(before.st_size), '\0');
+    old.resize(static_cast<std::size_t>(std::max(::pread(fd, old.data(), old.size(), 0), ssize_t{0})));
+    int error = size == 0 ? 0 : reserve(fd, size);
+    if (error == 0) {
+        error = writeAll(fd, text);
+        if (error != 0) {
+            (void)writeAll(fd, old);
+        }
     }
-    if (const int error = writeAll(fd, text); error != 0) {
-        return error;
+    const off_t length = error == 0 ? size : before.st_size;  // what was reserved goes
+    if (::ftruncate(fd, length) != 0 && error == 0) {
+        error = errno;
     }
-    return ::ftruncate(fd, size) == 0 ? 0 : errno;
+    return error;
 }
 
 int writeTranslationFile(const std::string& ethStr) {
@@ -72,13 +81,21 @@ int writeTranslationFile(const std::string& ethStr) {
         kv_printf(kv_error, "Failed to create directory: /usr/kelvaro/sysinfo\n");
         return -1;
     }
-    const bool isNew = kv_doesFsNodeExist(kEthTranslateFile);  // true where it does not
-    const kv::os::UniqueFd file(::open(kEthTranslateFile, O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+    constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC;
+    kv::os::UniqueFd file(::open(kEthTranslateFile, kFlags | O_EXCL, kFileMode));
+    const bool isNew = static_cast<bool>(file);
+    if (!isNew && errno == EEXIST) {
+        file.reset(::open(kEthTranslateFile, kFlags, kFileMode));
+    }
     if (!file) {
         kv_printf(kv_error, "Failed to create file: %s\n", kEthTranslateFile);
         return -1;
     }
-    if (const int error = replaceText(file.get(), ethStr); error != 0) {
+    int error = replaceText(file.get(), ethStr);
+    if (::close(file.release()) != 0 && error == 0) {
+        error = errno;
+    }
+    if (error != 0) {
         kv_printf(kv_error, "Failed to write file: %s: %s\n", kEthTranslateFile, std::strerror(error));
         if (isNew) {
             (void)::unlink(kEthTranslateFile);  // empty, it would stand for a machine without interfaces

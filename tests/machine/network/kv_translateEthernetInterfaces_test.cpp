@@ -1,5 +1,7 @@
+#include <csignal>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include "network_machine.h"
 #include "os/unique_fd.h"
@@ -134,6 +136,8 @@ TEST_F(Translation, LeavesTheFileAsItWasWhereTheDiskIsFull) {
     EXPECT_EQ(log_.take().back(), full);
     EXPECT_FALSE(std::filesystem::exists(kTranslationFile));
     Machine::write(kTranslationFile, "");
+    std::filesystem::permissions(folder, std::filesystem::perms(0700));
+    (void)::setresuid(65534, -1, -1);  // its real user cannot look into the folder
     EXPECT_EQ(kv_translateEthernetInterfaces(), -1);
     EXPECT_EQ(log_.take().back(), full);
     EXPECT_EQ(Machine::read(kTranslationFile), "");
@@ -147,6 +151,12 @@ TEST_F(Translation, LeavesTheFileAsItWasWhereTheDiskIsFull) {
         EXPECT_EQ(Machine::read(hardLink), "end0:-1:Hostlink;") << "the file keeps its place";
         Machine::remove(hardLink);
     }
+    Machine::write(kTranslationFile, std::string(1000, 'o'));
+    (void)::signal(SIGXFSZ, SIG_IGN);
+    constexpr rlimit kFewBytes{5, RLIM_INFINITY};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &kFewBytes), 0);
+    EXPECT_EQ(kv_translateEthernetInterfaces(), -1);
+    EXPECT_EQ(Machine::read(kTranslationFile), std::string(1000, 'o')) << "writing failed midway";
     EXPECT_EQ(openFiles(), before);
     Machine::remove(folder + "/other");
     ASSERT_EQ(::umount(folder.c_str()), 0);
