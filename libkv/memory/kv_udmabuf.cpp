@@ -1,4 +1,5 @@
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -80,16 +81,18 @@ UniqueFd openOrReport(const std::string& path, int flags) {
     return file;
 }
 
-/** Reads an attribute that is a number. Empty where it is not, with the reason in errno. */
+/** Reads an attribute whose line is a number and nothing else. Empty where it is not, with the reason in
+ * errno. */
 std::optional<unsigned long> readNumber(const UniqueFd& file, int base) {
     std::array<char, kAttributeSize + 1> text{};
     if (::read(file.get(), text.data(), kAttributeSize) < 0) {
         return std::nullopt;
     }
+    text[std::strcspn(text.data(), "\n")] = '\0';
     char* end = nullptr;
     errno = 0;
     const unsigned long number = std::strtoul(text.data(), &end, base);
-    if (end == text.data()) {
+    if (std::isxdigit(static_cast<unsigned char>(text[0])) == 0 || *end != '\0') {  // no sign, no space
         errno = EINVAL;
     }
     return errno == 0 ? std::optional(number) : std::nullopt;

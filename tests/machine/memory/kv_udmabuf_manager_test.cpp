@@ -151,7 +151,8 @@ TEST_F(UdmabufManager, IsNotBelievedAboutTheBufferThatItMade) {
         const char* reason; /**< null where the buffer stays mapped */
     } cases[] = {{folder + "phys_addr", nullptr, "open: No such file or directory"},
                  {folder + "phys_addr", "", "read: Is a directory"},
-                 {folder + "phys_addr", "somewhere\n", "read: Invalid argument"},
+                 {folder + "phys_addr", "-1\n", "read: Invalid argument"},
+                 {folder + "phys_addr", "70000000xyz\n", "read: Invalid argument"},
                  {folder + "phys_addr", "10000000000000000\n", "read: Numerical result out of range"},
                  {folder + "size", nullptr, "open: No such file or directory"},
                  {folder + "size", "", nullptr},
