@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <span>
 
 namespace kv::serial {
@@ -51,7 +52,9 @@ constexpr std::array<ModeValues, 3> kModeValues = {{
 constexpr std::array<speed_t, 15> kExtendedBaudrates = {B57600,   B115200,  B230400,  B460800,  B500000,
                                                         B576000,  B921600,  B1000000, B1152000, B1500000,
                                                         B2000000, B2500000, B3000000, B3500000, B4000000};
-static_assert(std::ranges::is_sorted(kExtendedBaudrates), "it is searched by bisection");
+static_assert(std::ranges::adjacent_find(kExtendedBaudrates, std::ranges::greater_equal{}) ==
+                  kExtendedBaudrates.end(),
+              "it is searched by bisection");
 // Models were built with these codes. A C library whose codes are the rates themselves needs a table of its
 // own.
 static_assert(B0 == 0 && B38400 == 15 && B57600 == 0x1001 && B4000000 == 0x100F);
