@@ -43,10 +43,13 @@ void* kv_allocPhysicalMemory_uncached(size_t /*size*/) {
     return refuse(__func__);
 }
 
-void* kv_allocPhysicalMemory_v2(size_t size, uintptr_t* physicalOut) {
+void* kv_allocPhysicalMemory_v2(size_t size, uintptr_t* physicalOut) try {
+    *physicalOut = 0;
     return kv_udmabuf_areCacheCoherentBuffersAvailable() == 1
                ? kv_allocPhysicalMemory_v2_cached(size, physicalOut)
                : kv_allocPhysicalMemory_v2_uncached(size, physicalOut);
+} catch (const std::bad_alloc&) {
+    return nullptr;
 }
 
 void* kv_allocPhysicalMemory_v2_cached(size_t size, uintptr_t* physicalOut) {

@@ -100,7 +100,7 @@ KV_EXPORT void* kv_allocPhysicalMemory_uncached(size_t size);
  * @param physicalOut  receives the address that the board uses; 0 on failure
  * @return the memory, not cleared; null on failure, or what the two functions below tell of a failed mmap().
  *         kv_freePhysicalMemory() frees it. Throws what kv_udmabuf_areCacheCoherentBuffersAvailable() and
- *         kv_udmabuf_allocCachedBuffer() throw.
+ *         kv_udmabuf_allocCachedBuffer() throw, except std::bad_alloc.
  */
 KV_EXPORT void* kv_allocPhysicalMemory_v2(size_t size, uintptr_t* physicalOut);
 
@@ -199,7 +199,8 @@ KV_EXPORT void kv_udmabuf_printCachedMemoryBuffers(void);
 
 /**
  * @return 1 when the machine has a cached buffer, else 0; looked up once per process. Throws
- *         std::filesystem::filesystem_error when that cannot be told.
+ *         std::filesystem::filesystem_error when that cannot be told and std::bad_alloc when memory is
+ *         exhausted; the next call tries again.
  */
 KV_EXPORT int kv_udmabuf_areCacheCoherentBuffersAvailable(void);
 

@@ -181,6 +181,10 @@ const Row kRows[] = {
     {"kv_allocPhysicalMemory_v2_uncached",
      [] { return isBuffer(kv_allocPhysicalMemory_v2_uncached(kPageBytes, &physical)); }},
     {"kv_allocPhysicalMemory_v2", [] { return isBuffer(kv_allocPhysicalMemory_v2(kPageBytes, &physical)); }},
+    {"kv_allocPhysicalMemory_v2_cached",
+     [] { return isBuffer(kv_allocPhysicalMemory_v2_cached(kPageBytes, &physical)); }},
+    {"kv_udmabuf_allocCachedBuffer, kv_udmabuf_freeCachedBuffer",
+     [] { return kv_udmabuf_freeCachedBuffer(kv_udmabuf_allocCachedBuffer(kPageBytes, &physical)) == 0; }},
     {"kv_getPhysicalBufferAddr", [] { return kv_getPhysicalBufferAddr(text), true; }},
     {"kv_udmabuf_allocBuffer, kv_udmabuf_freeBuffer",
      [] {

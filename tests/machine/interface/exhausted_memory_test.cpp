@@ -51,6 +51,7 @@ namespace {
 using namespace kv::test;
 
 kv_PCIDevice board{};
+kv_PCIDevice unserved{};
 kv_PCIDevice serialCard{};
 kv_AxiDevice encoder{};
 kv_InterruptContext* interrupt = nullptr;
@@ -78,10 +79,15 @@ const Row kRows[] = {
     {"kv_udmabuf_freeBuffer", [] { return kv_udmabuf_freeBuffer(buffer) == -1; }},
     {"kv_allocPhysicalMemory_v2_uncached",
      [] { return kv_allocPhysicalMemory_v2_uncached(kPageBytes, &physical) == nullptr; }},
+    {"kv_allocPhysicalMemory_v2",
+     [] { return kv_hdlc_allocPhysicalMemory_v2_v22b(kPageBytes, &physical) == nullptr; }},
+    {"kv_udmabuf_allocCachedBuffer",
+     [] { return kv_udmabuf_allocCachedBuffer(kPageBytes, &physical) == nullptr; }},
     {"kv_allocPersistentMemory", [] { return kv_allocPersistentMemory("counter", 8) == nullptr; }},
     {"kv_getPersistentMemory", [] { return kv_getPersistentMemory("counter") == nullptr; }},
     {"kv_findSerialDeviceByPci",
      [] { return kv_findSerialDeviceByPci(&serialCard, 0, text, sizeof text) == -2; }},
+    {"kv_pci_bindDriver", [] { return kv_pci_bindDriver(&unserved, "uio_kelvaro") == -1; }},
     {"kv_findPciDeviceMultiIDs",
      [] {
          uint16_t vendor = kVendor;
@@ -119,6 +125,7 @@ TEST(ExhaustedMemory, MakesEachFunctionFailAsItSaysWhicheverAllocationFails) {
                           "1234\n");  // as ../misc/UUID: the restart of the same model
     boost::log::core::get()->set_logging_enabled(false);
     serialCard.slot = kSerialSlot;
+    unserved.bus = kDigitalBus;
     ASSERT_EQ(kv_findAxiDevice(&encoder, "encoder"), 0);
     ASSERT_EQ(kvPCI_getDeviceAtSlot(kVendor, kAnalogBoard, kAny, kAny, 9, 0, &board), 0);
     ASSERT_EQ(kv_uio_createInterruptContext(&interrupt, &board), 0);
