@@ -120,7 +120,7 @@ void* allocate(Block& block, uint32_t size) {
     if (void* memory = takeFromAny(block, size)) {
         return memory;
     }
-    if (const LockedList locked = lockForGrowth()) {
+    if (const LockedList locked = lockForGrowth(block)) {
         void* memory = takeFromAny(block, size);  // from what another process has added
         memory = memory != nullptr ? memory : enlarge(block, size);
         if (memory != nullptr) {

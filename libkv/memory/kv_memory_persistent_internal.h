@@ -151,9 +151,12 @@ Block* findNewBlock(std::string_view name);
  */
 LockedList lockForNewBlock();
 
-/** Locks the list, so that no other process uses the addresses of new memory too, and attaches what others
- * have added. Forgets no blocks. */
-LockedList lockForGrowth();
+/**
+ * Locks the list, so that no other process uses the addresses of new memory too, and attaches what others
+ * have added: to a block of a removed list, which its processes still use, at least the block's fragments.
+ * Forgets no blocks.
+ */
+LockedList lockForGrowth(Block& block);
 
 /** Adds a new block to the locked and loaded list. Aborts for a name of 50 characters or more. Null on
  * failure. */

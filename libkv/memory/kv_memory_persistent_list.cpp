@@ -242,9 +242,9 @@ bool loadList() {
 }
 
 Block* findNewBlock(std::string_view name) {
-    return readCount(loadedList->object.file.get()) > loadedList->blocks.size() && lockForNewBlock()
-               ? findBlock(name)
-               : nullptr;
+    const int fd = loadedList->object.file.get();
+    const bool isOutdated = !isLinked(fd) || readCount(fd) > loadedList->blocks.size();
+    return isOutdated && lockForNewBlock() ? findBlock(name) : nullptr;
 }
 
 Block* findBlock(std::string_view name) {
@@ -261,9 +261,9 @@ LockedList lockForNewBlock() {
     return isCurrent ? std::move(locked) : LockedList();
 }
 
-LockedList lockForGrowth() {
+LockedList lockForGrowth(Block& block) {
     LockedList locked = lockList();
-    const bool isCurrent = locked && (!isPresentList(locked) || attachNews());
+    const bool isCurrent = locked && (isPresentList(locked) ? attachNews() : mapFurtherFragments(block));
     return isCurrent ? std::move(locked) : LockedList();
 }
 

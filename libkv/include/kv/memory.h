@@ -65,8 +65,9 @@ KV_EXPORT void* kv_getPersistentMemory(const char* name);
 
 /**
  * Removes all blocks, also those that cannot be attached. What processes have mapped stays mapped until they
- * end; the next call of the functions above begins with no blocks. Nothing is removed while the list's object
- * cannot be opened or locked, which is logged.
+ * end. In this process the next call of the functions above begins with no blocks. Another process goes on
+ * with the blocks that it has attached until it asks for one that it has not. Nothing is removed while the
+ * list's object cannot be opened or locked, which is logged.
  */
 KV_EXPORT void kv_freePersistentMemory(void);
 

@@ -145,6 +145,11 @@ TEST_F(SharedPersistentMemory, ThatAnotherProcessHasFreedIsNotMixedWithItsNewBlo
               }),
               0);
     EXPECT_EQ(allocate("mine", 8), mine + 8) << "still mapped";
+    auto& grown = sharedWithChildren<char*>();
+    EXPECT_EQ(inChild([&] { grown = allocate("mine", kFragmentBytes); }), 0);
+    EXPECT_EQ(inChild([&] { EXPECT_EQ(allocate("mine", kUsableBytes), grown + kFragmentBytes); }), 0)
+        << "the rest of the fragment that the other process has added";
+    EXPECT_NE(kv_getPersistentMemory("theirs"), nullptr);
     EXPECT_NE(allocate("new", 8), nullptr);
     EXPECT_EQ(inChild([] {
                   const auto* memory = static_cast<char*>(kv_getPersistentMemory("theirs"));
