@@ -21,22 +21,27 @@ using kv::os::Mapping;
 using kv::os::pointerTo;
 
 /**
- * Without the list nobody knows whether an object of this name is a block that holds data: an existing one is
- * left alone and counts as opened.
+ * Whether an object of this name can be made. Without the list nobody knows whether an existing one is a
+ * block that holds data: it is left alone and counts as made.
  */
+bool canBeObject(const char* name) {
+    const std::optional<Block> made = createShMem(name, O_EXCL);
+    if (made) {
+        unlinkMade(name, made->file.get());
+    }
+    return made || errno == EEXIST;
+}
+
 bool loadListForNewBlock(const char* name) {
     const LockedList locked = lockList();
-    if (locked) {
-        std::optional<Block> made = createShMem(name, O_EXCL);
-        if (made) {
-            made.reset();  // the list may need its address
-            (void)unlinkShMem(name);
-        } else if (errno != EEXIST) {
+    bool isLoaded = locked && loadLockedList();
+    if (!isLoaded && (locked || errno != EWOULDBLOCK)) {
+        if (!canBeObject(name)) {
             kv_printf(kv_debug, "PersMem file creation failed: %s\n", name);
             return false;
         }
+        isLoaded = locked ? loadLockedList() : loadList();
     }
-    const bool isLoaded = locked && loadLockedList();
     if (!isLoaded) {
         kv_printf(kv_debug, "Could not add PersMem to list: %s\n", name);
     }
@@ -71,7 +76,7 @@ Block* createBlock(const char* name) {
 }
 
 Block* blockFor(const char* name) {
-    if (!loadList() && !loadListForNewBlock(name)) {
+    if (!isListLoaded() && !loadListForNewBlock(name)) {
         return nullptr;
     }
     Block* block = findBlock(name);

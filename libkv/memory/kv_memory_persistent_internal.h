@@ -58,6 +58,10 @@ struct OpenObject {
     explicit operator bool() const noexcept { return static_cast<bool>(file); }
 };
 
+inline bool isSameObject(const struct stat& one, const struct stat& other) {
+    return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
+}
+
 /**
  * Opens an object or makes an empty one. Refuses what is not a regular file of root or of this user: others
  * would choose the addresses that are mapped here. Empty on failure, which is logged unless an object exists
@@ -69,12 +73,16 @@ OpenObject openShMem(std::string_view name, uid_t user, int furtherFlags = 0);
 
 /**
  * Reserves the memory of a part of an object and grows the object to hold it. Without that, a first write to
- * memory that the file system has not got ends the process (SIGBUS). @return success; a failure is logged
+ * memory that the file system has not got ends the process (SIGBUS). @return success; a failure is logged,
+ * and its reason is in errno
  */
 bool reserve(int fd, uint64_t begin, uint64_t end);
 
 /** Removes an object's name. @return success; the reason of a failure is in errno */
 bool unlinkShMem(std::string_view name);
+
+/** Removes the name of an object that was made just now, unless another object has it by now. */
+void unlinkMade(std::string_view name, int fd);
 
 /** Maps the list's object to the size that a full list has, since it cannot move later. Empty on failure,
  * which is logged. */
@@ -96,8 +104,8 @@ inline FragmentHead& headOf(const os::Mapping& fragment) {
     return *static_cast<FragmentHead*>(fragment.get());
 }
 
-/** Opens a new object with one fragment, without an entry. Empty on failure, which is logged; no object is
- * left. */
+/** Opens a new object with one fragment, without an entry. Empty on failure, with the reason in errno, which
+ * is logged except for EEXIST; no object is left. */
 std::optional<Block> createShMem(std::string_view name, int furtherFlags = 0);
 
 /** Adds a fragment with some bytes in use to a block. @return it; null on failure, which is logged */
@@ -130,8 +138,13 @@ class LockedList {
     OpenObject object_;
 };
 
-/** Locks the list, for which it waits a second at most. */
+/**
+ * Locks the list, for which it waits a second at most. On failure errno is EWOULDBLOCK where the list's
+ * object was opened but not locked.
+ */
 LockedList lockList();
+
+bool isListLoaded();
 
 /** Attaches all blocks unless they are attached. */
 bool loadList();

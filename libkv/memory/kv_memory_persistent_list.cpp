@@ -83,10 +83,6 @@ std::vector<ListEntry> readEntries(int fd, std::size_t first) {
     return entries;
 }
 
-bool isSameObject(const struct stat& one, const struct stat& other) {
-    return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
-}
-
 bool isLinked(int fd) {
     struct stat status {};
     return ::fstat(fd, &status) == 0 && status.st_nlink > 0;
@@ -203,6 +199,7 @@ LockedList::~LockedList() {
 
 LockedList lockList() {
     const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
+    int failure = EWOULDBLOCK;
     do {
         OpenObject object = openShMem(kListName, ::geteuid());
         if (!object) {
@@ -215,13 +212,24 @@ LockedList lockList() {
             if (isLinked(locked.object().file.get())) {  // not removed before the lock was got
                 return locked;
             }
-        } else {
+        } else if (errno == EWOULDBLOCK || errno == EINTR) {
             std::this_thread::sleep_for(kLockPause);
+        } else {
+            failure = errno;
         }
-    } while (std::chrono::steady_clock::now() < deadline);
-    kv_printf(kv_info, "PersMem list is locked by another process\n");
+    } while (failure == EWOULDBLOCK && std::chrono::steady_clock::now() < deadline);
+    if (failure == EWOULDBLOCK) {
+        kv_printf(kv_info, "PersMem list is locked by another process\n");
+    } else {
+        kv_printf(kv_info, "PersMem list cannot be locked: %s\n", std::strerror(failure));
+    }
     kv_printf(kv_debug, "PersMem list initialization failed\n");
+    errno = EWOULDBLOCK;
     return {};
+}
+
+bool isListLoaded() {
+    return loadedList != nullptr;
 }
 
 bool loadLockedList() {
@@ -234,7 +242,7 @@ bool loadLockedList() {
 }
 
 bool loadList() {
-    if (loadedList != nullptr) {
+    if (isListLoaded()) {
         return true;
     }
     const LockedList locked = lockList();

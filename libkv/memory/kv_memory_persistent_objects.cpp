@@ -55,19 +55,19 @@ uintptr_t pageBytes() {
     return static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
 }
 
-/** "/" and a name. */
+/** "/" and a name, as shm_open() takes it and as the file that it opens. */
 class ObjectPath {
  public:
     explicit ObjectPath(std::string_view name) {
-        const std::size_t length =
-            std::min(name.size(), text_.size() - 2);  // one too long still is, when cut
-        text_[0] = '/';
-        std::copy_n(name.data(), length, text_.data() + 1);
+        kFolder.copy(text_.data(), kFolder.size());
+        name.copy(text_.data() + kFolder.size(), NAME_MAX + 1);  // one too long still is, when cut
     }
-    [[nodiscard]] const char* c_str() const { return text_.data(); }
+    [[nodiscard]] const char* c_str() const { return file() + kFolder.size() - 1; }
+    [[nodiscard]] const char* file() const { return text_.data(); }
 
  private:
-    std::array<char, NAME_MAX + 3> text_{};
+    static constexpr std::string_view kFolder = "/dev/shm/";
+    std::array<char, kFolder.size() + NAME_MAX + 2> text_{};
 };
 
 bool isTrusted(const struct stat& status, uid_t user) {
@@ -197,12 +197,23 @@ bool reserve(int fd, uint64_t begin, uint64_t end) {
     }
     if (failure != 0) {
         kv_printf(kv_debug, "ftruncate failed: %s\n", std::strerror(failure));
+        errno = failure;  // posix_fallocate() leaves it alone
     }
     return failure == 0;
 }
 
 bool unlinkShMem(std::string_view name) {
     return ::shm_unlink(ObjectPath(name).c_str()) == 0;
+}
+
+void unlinkMade(std::string_view name, int fd) {
+    const os::KeptErrno kept;
+    struct stat made {};
+    struct stat named {};
+    if (::fstat(fd, &made) == 0 && ::lstat(ObjectPath(name).file(), &named) == 0 &&
+        isSameObject(made, named)) {
+        (void)unlinkShMem(name);
+    }
 }
 
 uint64_t listBytes(uint32_t count) {
@@ -235,20 +246,20 @@ std::optional<Block> createShMem(std::string_view name, int furtherFlags) {
         }
         kv_printf(kv_debug, "mmap failed: %s\n", std::strerror(errno));
     }
-    const os::KeptErrno kept;
-    (void)unlinkShMem(name);
+    unlinkMade(name, object.file.get());
     return std::nullopt;
 }
 
 os::Mapping* addFragment(Block& block, uint64_t lengthBytes, uint32_t usedBytes) {
+    block.fragments.reserve(block.fragments.size() + 1);  // once the fragment is linked, nothing may fail
     const uint64_t newTotal = block.totalSize + lengthBytes;
     if (!reserve(block.file.get(), block.totalSize, newTotal)) {
         return nullptr;
     }
-    block.fragments.reserve(block.fragments.size() + 1);  // once the fragment is linked, nothing may fail
     os::Mapping mapping = mapNewFragment(block.file.get(), lengthBytes, block.totalSize);
     if (!mapping) {
         kv_printf(kv_debug, "mmaping additional memory failed: %s\n", std::strerror(errno));
+        (void)!::ftruncate(block.file.get(), block.totalSize);
         return nullptr;
     }
     makeHead(mapping, usedBytes);

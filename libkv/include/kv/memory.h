@@ -28,8 +28,8 @@ KV_BEGIN_DECLS
  * call tries again, and kv_freePersistentMemory() gives them up. Only objects of root and of the effective
  * user are attached.
  *
- * All memory is reserved in /dev/shm when it is made: the list takes 64 KiB, and each block takes 64 KiB or
- * more, so 1023 blocks take at least 64 MiB.
+ * All memory is reserved in /dev/shm when it is made: the list takes 64 KiB, and a page more from the 1017th
+ * block on. Each block takes 64 KiB or more, so 1023 blocks take at least 64 MiB.
  *
  * The functions block on shm_open(3), posix_fallocate(3), mmap(2) and flock(2). Other processes are kept out
  * with flock() on the list's object while the list is loaded, a block is made or grows, and all blocks are

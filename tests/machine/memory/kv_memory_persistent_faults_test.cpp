@@ -208,6 +208,9 @@ TEST_F(DamagedPersistentMemory, LeavesWhatOccupiesAnOldAddressAlone) {
         EXPECT_EQ(*wanted, 42);
     }
     EXPECT_EQ(kv_allocPersistentMemory("pid", 8), nullptr) << "and does not replace what it cannot reach";
+    limitSharedMemory(5UL * kFragmentBytes, MS_REMOUNT);  // full
+    EXPECT_EQ(kv_allocPersistentMemory("new", 8), nullptr);
+    EXPECT_EQ(log_.take().end()[-2], debug("PersMem file creation failed: new"));
 
     ::munmap(occupied, 4096);
     EXPECT_NE(kv_getPersistentMemory("pid"), nullptr) << "nothing of the failed attempts is in the way";

@@ -220,11 +220,22 @@ TEST_F(PersistentMemory, ReturnsTheFreeRestWhereABlockCannotGrow) {
     char* first = allocate("log", kUsableBytes - 10);
     log_.take();
     std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit noGrowth{kFragmentBytes, kFragmentBytes};
-    setrlimit(RLIMIT_FSIZE, &noGrowth);
-    EXPECT_EQ(allocate("log", 11), first + kUsableBytes - 10);
-    EXPECT_THAT(log_.take(), ElementsAre(debug("ftruncate failed: File too large"),
-                                         debug("Could not enlarge persistent memory")));
+    const rlim_t mappedBytes = std::stoul(kvsim::Machine::read("/proc/self/statm")) * 4096;
+    const struct {
+        __rlimit_resource resource;
+        rlim_t limit;
+        const char* reason;
+    } cases[] = {
+        {RLIMIT_AS, mappedBytes + (1UL << 22), "mmaping additional memory failed: Cannot allocate memory"},
+        {RLIMIT_FSIZE, kFragmentBytes, "ftruncate failed: File too large"}};
+    for (const auto& each : cases) {
+        const rlimit noGrowth{each.limit, RLIM_INFINITY};
+        setrlimit(each.resource, &noGrowth);
+        EXPECT_EQ(allocate("log", 1U << 23), first + kUsableBytes - 10);
+        EXPECT_THAT(log_.take(),
+                    ElementsAre(debug(each.reason), debug("Could not enlarge persistent memory")));
+        EXPECT_EQ(std::filesystem::file_size(objectPath("log")), kFragmentBytes) << each.reason;
+    }
     EXPECT_EQ(allocate("log", 0x7FFFFFFF), first + kUsableBytes - 10);
     EXPECT_EQ(allocate("log", 10), first + kUsableBytes - 10) << "it has not been given away";
 }
@@ -245,6 +256,9 @@ TEST_F(PersistentMemory, TellsWhichObjectCannotBeOpened) {
     EXPECT_EQ(records[7], error("Persistent memory not available: pid - creating failed"));
     records.resize(3);
     EXPECT_THAT(records, noList());
+    EXPECT_FALSE(std::filesystem::exists(objectPath("pid")));
+    EXPECT_EQ(allocate("a/b", 8), nullptr);
+    EXPECT_EQ(log_.take().end()[-2], debug("PersMem file creation failed: a/b"));
 
     kvsim::Machine::remove(kListObject);
     kvsim::Machine::replaceByFolder(objectPath("pid"));
