@@ -38,11 +38,11 @@ mount_remedy() {
 
 # what_hinders_machine: what is in the way of the simulated machine, in two lines with the remedy; otherwise nothing.
 what_hinders_machine() {
-    local enter=(unshare --mount) error
+    local try=(mount -t tmpfs none /mnt) error
     [ -e /proc/self/mountinfo ] || { echo "/proc is not mounted.
 Mount it: mount -t proc proc /proc" && return; }
-    [ "$(id -u)" -eq 0 ] || enter=(unshare --user --map-root-user --mount)
-    if ! error=$("${enter[@]}" mount -t tmpfs none /mnt 2>&1); then
+    if ! { [ "$(id -u)" -eq 0 ] && unshare --mount "${try[@]}" 2>/dev/null; } &&
+        ! error=$(unshare --user --map-root-user --mount "${try[@]}" 2>&1); then
         echo "The simulated machine needs namespaces with mounts of their own: $(tail -n 1 <<<"$error")
 $(mount_remedy)"
     elif [ ! -e /dev/fuse ]; then
