@@ -1,10 +1,13 @@
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <exception>
 #include <iomanip>
 #include <iostream>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -37,11 +40,18 @@ std::chrono::nanoseconds fromSeconds(double seconds) {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
 }
 
-/** An option that names a file to write after the run. What can't be done is told on standard error. */
+/** Prints an error of @p program to standard error. */
+void complain(const std::string& program, const std::string& message) {
+    std::cerr << program << ": " << message << std::endl;
+}
+
+/** An option that names a file to write after the run. Failures are reported on standard error. */
 class FileOption {
  public:
-    FileOption(CLI::App& app, const char* name, const char* description)
-        : name_(name), option_(app.add_option(name, path_, description)->type_name("FILE")) {}
+    FileOption(CLI::App& app, const std::string& program, const char* name, const char* description)
+        : program_(program),
+          name_(name),
+          option_(app.add_option(name, path_, description)->type_name("FILE")) {}
 
     /** True also where the option isn't given. */
     bool open() {
@@ -52,7 +62,7 @@ class FileOption {
     [[nodiscard]] bool collidesWith(const FileOption& other) const {
         const bool collides = file_ && other.file_ && file_->isSameFile(*other.file_);
         if (collides) {
-            std::cerr << name_ << ' ' << path_ << ": " << other.name_ << " names the same file" << std::endl;
+            complain(program_, name_ + " and " + other.name_ + " name the same file: " + path_);
         }
         return collides;
     }
@@ -74,12 +84,13 @@ class FileOption {
             action();
             return true;
         } catch (const std::exception& failure) {
-            std::cerr << name_ << ' ' << path_ << ": " << failure.what() << std::endl;
+            complain(program_, name_ + ' ' + path_ + ": " + failure.what());
             return false;
         }
     }
 
-    const char* name_;
+    std::string program_;
+    std::string name_;
     std::string path_;
     CLI::Option* option_;
     std::optional<OutputFile> file_;
@@ -127,10 +138,10 @@ class Files {
  public:
     Files(CLI::App& app, const Model& model)
         : model_(model),
-          latency_(app, "--latency", "Write the histogram of the latencies of the steps"),
-          report_(app, "--report", "Write the report as JSON") {
+          latency_(app, model.name, "--latency", "Write the histogram of the latencies of the steps"),
+          report_(app, model.name, "--report", "Write the report as JSON") {
         if (model.record != nullptr) {
-            record_.emplace(app, "--record", "Write what the model records");
+            record_.emplace(app, model.name, "--record", "Write what the model records");
         }
     }
 
@@ -155,12 +166,17 @@ class Files {
     std::optional<FileOption> record_;
 };
 
-bool printReport(const RunReport& report) {
-    std::cout << report << std::flush;
-    if (!std::cout) {
-        std::cerr << "the report can't be written to standard output" << std::endl;
+/** Whether all that @p print puts into standard output could be written; otherwise prints why not. */
+template <typename Print>
+bool writesToStandardOutput(const std::string& program, Print&& print) {
+    errno = 0;
+    print();
+    if (std::cout.flush()) {
+        return true;
     }
-    return !std::cout.fail();
+    complain(program, std::string("standard output can't be written") +
+                          (errno == 0 ? "" : std::string(": ") + std::strerror(errno)));
+    return false;
 }
 
 ExitStatus exitStatusOf(Verdict verdict) {
@@ -175,6 +191,21 @@ ExitStatus exitStatusOf(Verdict verdict) {
     return kExitFailed;
 }
 
+/** Names the first argument that the parser does not know. */
+std::string describeUnknown(const CLI::App& app) {
+    const std::vector<std::string> words = app.remaining();
+    const std::string& word = words[words.size() > 1 && words.front() == "--" ? 1 : 0];
+    return word.starts_with('-') ? "unknown option '" + word.substr(0, word.find('=')) + "'"
+                                 : "unexpected argument '" + word + "'";
+}
+
+/** Refuses the command line. */
+ExitStatus refuse(const CLI::App& app, const std::string& program, const CLI::ParseError& wrong) {
+    const bool isUnknown = wrong.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
+    complain(program, (isUnknown ? describeUnknown(app) : wrong.what()) + ". See '" + program + " --help'.");
+    return kExitUsage;
+}
+
 }  // namespace
 
 int runMain(int argc, char** argv, const Model& model) {
@@ -185,8 +216,11 @@ int runMain(int argc, char** argv, const Model& model) {
     Files files(app, model);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success& success) {
+        const bool printed = writesToStandardOutput(model.name, [&] { app.exit(success); });  // the help
+        return printed ? kExitGood : kExitFailed;
     } catch (const CLI::ParseError& wrong) {
-        return app.exit(wrong) == 0 ? kExitGood : kExitUsage;
+        return refuse(app, model.name, wrong);
     }
     if (!files.open()) {
         return kExitFailed;
@@ -197,7 +231,7 @@ int runMain(int argc, char** argv, const Model& model) {
     kernel.setMaxSkipped(settings.maxSkippedPercent);
     kernel.setTriggerTimeout(fromSeconds(settings.triggerTimeoutSeconds));
     const RunReport report = kernel.run();
-    const bool printed = printReport(report);
+    const bool printed = writesToStandardOutput(model.name, [&] { std::cout << report; });
     const bool written = files.write(report);
     return printed && written ? exitStatusOf(report.verdict()) : kExitFailed;
 }

@@ -279,7 +279,8 @@ enum ExitStatus : int {
  *
  * The files are opened before the model is touched, and written, over what they held, after the run, also a
  * failed one. Two options may not name one file. Standard error names a file that cannot be opened or
- * written, with the reason. Where one cannot be opened nothing runs and the others keep what they hold.
+ * written, with the reason, behind the model's name. Where one cannot be opened nothing runs and the others
+ * keep what they hold.
  *
  * @return one of ExitStatus
  */

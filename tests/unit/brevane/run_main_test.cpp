@@ -38,7 +38,7 @@ struct Outcome {
     std::string errors;
 };
 
-Outcome runMain(std::vector<std::string> arguments, const Model& model) {
+Outcome runMain(std::vector<std::string> arguments, const Model& model, std::streambuf* file = nullptr) {
     arguments.insert(arguments.begin(), "pump");
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 1);
@@ -48,7 +48,7 @@ Outcome runMain(std::vector<std::string> arguments, const Model& model) {
     argv.push_back(nullptr);
     std::ostringstream output;
     std::ostringstream errors;
-    auto* formerOutput = std::cout.rdbuf(output.rdbuf());
+    auto* formerOutput = std::cout.rdbuf(file == nullptr ? output.rdbuf() : file);
     auto* formerErrors = std::cerr.rdbuf(errors.rdbuf());
     const int status = brevane::runMain(static_cast<int>(arguments.size()), argv.data(), model);
     std::cout.rdbuf(formerOutput);
@@ -119,18 +119,26 @@ TEST(RunMain, JudgesTheRunInItsLastLineAndItsExitStatus) {
 
 TEST(RunMain, RefusesAWrongCommandLineWithoutRunning) {
     Model model;
+    model.name = "pump";
     model.initialize = [] { FAIL() << "the model ran"; };
-    for (const char* wrong :
-         {"--stop-time=0", "--stop-time=-1", "--stop-time=nan", "--stop-time=inf", "--stop-time=1e300",
-          "--stop-time=1s", "--stop-time=", "--max-skipped=-1", "--max-skipped=101", "--max-skipped=nan",
-          "--trigger-timeout=1", "--record=f", "extra"}) {
-        const Outcome outcome = runMain({wrong}, model);
-        EXPECT_EQ(outcome.status, 2) << wrong;
-        EXPECT_EQ(outcome.output, "") << wrong;
-        EXPECT_NE(outcome.errors, "") << wrong;
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--stop-time=0", "--stop-time=-1", "--stop-time=nan", "--stop-time=inf", "--stop-time=1e300",
+          "--stop-time="},
+         "--stop-time: .*"},
+        {{"--stop-time=1s"}, "--stop-time: \"1s\" is not a number of seconds .*"},
+        {{"--max-skipped=-1", "--max-skipped=101", "--max-skipped=nan"}, "--max-skipped: .*"},
+        {{"--trigger-timeout=1"}, "unknown option '--trigger-timeout'"},
+        {{"--record=f"}, "unknown option '--record'"},
+        {{"extra"}, "unexpected argument 'extra'"},
+    };
+    for (const auto& [arguments, reason] : cases) {
+        for (const std::string& wrong : arguments) {
+            const Outcome outcome = runMain({wrong, "--also-unknown"}, model);
+            EXPECT_EQ(outcome.status, 2) << wrong;
+            EXPECT_EQ(outcome.output, "") << wrong;
+            EXPECT_THAT(outcome.errors, MatchesRegex("pump: " + reason + "\\. See 'pump --help'\\.\n"));
+        }
     }
-    EXPECT_THAT(runMain({"--stop-time=1s"}, model).errors,
-                StartsWith("--stop-time: \"1s\" is not a number of seconds"));
 
     const Outcome help = runMain({"--help"}, model);
     EXPECT_EQ(help.status, 0);
@@ -142,6 +150,7 @@ TEST(RunMain, RefusesAWrongCommandLineWithoutRunning) {
 Model recordingModel() {
     static int steps = 0;
     Model model;
+    model.name = "pump";
     model.initialize = [] { steps = 0; };
     model.step = [] { ++steps; };
     model.record = [](std::ostream& out) { out << "steps\n" << steps << '\n'; };
@@ -273,10 +282,11 @@ TEST_F(RunMainFiles, ThatCannotBeOpenedKeepTheModelFromRunning) {
     const Outcome noFolder = run(missing, good, model);
     EXPECT_EQ(noFolder.status, 1);
     EXPECT_EQ(noFolder.output, "");
-    EXPECT_EQ(noFolder.errors, "--record " + missing + ": No such file or directory\n");
-    EXPECT_EQ(run(good, folder_, model).errors, "--latency " + folder_.string() + ": Is a directory\n");
+    EXPECT_EQ(noFolder.errors, "pump: --record " + missing + ": No such file or directory\n");
+    EXPECT_EQ(run(good, folder_, model).errors, "pump: --latency " + folder_.string() + ": Is a directory\n");
     EXPECT_EQ(run(good, "", model).status, 1);
-    EXPECT_EQ(run(good, good, model).errors, "--record " + good + ": --latency names the same file\n");
+    EXPECT_EQ(run(good, good, model).errors,
+              "pump: --record and --latency name the same file: " + good + "\n");
     EXPECT_THAT(linesOf(good), ElementsAre("of an earlier run"));
 }
 
@@ -285,15 +295,23 @@ TEST_F(RunMainFiles, ThatCannotBeWrittenFailTheRunButNotEachOther) {
     const std::string good = folder_ / "good.csv";
     const Outcome full = run(good, "/dev/full", model);
     EXPECT_EQ(full.status, 1);
-    EXPECT_EQ(full.errors, "--latency /dev/full: No space left on device\n");
+    EXPECT_EQ(full.errors, "pump: --latency /dev/full: No space left on device\n");
     EXPECT_EQ(runMain({"--stop-time=0.02", "--max-skipped=100", "--report=/dev/full"}, model).errors,
-              "--report /dev/full: No space left on device\n");
+              "pump: --report /dev/full: No space left on device\n");
+    std::filebuf device;
+    for (const char* option : {"--stop-time=0.02", "--help"}) {
+        device.open("/dev/full", std::ios::out);
+        const Outcome silent = runMain({option, "--max-skipped=100"}, model, &device);
+        device.close();
+        EXPECT_EQ(silent.status, 1);
+        EXPECT_EQ(silent.errors, "pump: standard output can't be written: No space left on device\n");
+    }
     EXPECT_EQ(linesOf(good).size(), 2U);
 
     model.record = [](std::ostream&) { throw std::runtime_error("valve stuck"); };
     const Outcome thrown = run(good, folder_ / "latency.csv", model);
     EXPECT_EQ(thrown.status, 1);
-    EXPECT_EQ(thrown.errors, "--record " + good + ": valve stuck\n");
+    EXPECT_EQ(thrown.errors, "pump: --record " + good + ": valve stuck\n");
 }
 
 }  // namespace
