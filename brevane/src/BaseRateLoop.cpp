@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "count_text.h"
 #include "duration_text.h"
 #include "kernel_log.h"
 #include "model_error.h"
@@ -56,8 +57,8 @@ void BaseRateLoop::countOverrun(std::uint64_t skipped) {
     if (overruns_ == 0) {
         log(trivial::warning, "step " + std::to_string(steps_) + " began " + durationText(lastLatency_) +
                                   " late and took " + durationText(lastStepTime_) + "; " +
-                                  std::to_string(skipped) +
-                                  " base periods passed without a step; further overruns are counted");
+                                  countText(skipped, "base period") +
+                                  " passed without a step; further overruns are counted");
     }
     ++overruns_;
     skippedPeriods_ += skipped;

@@ -7,6 +7,7 @@
 #include <brevane/Logger.h>
 
 #include "BaseRateLoop.h"
+#include "count_text.h"
 #include "duration_text.h"
 #include "kernel_log.h"
 #include "model_error.h"
@@ -176,11 +177,11 @@ void Kernel::runBaseRate(RunReport& report) {
         report.cpus = allowedCpus();
     }
     loop.describe(report);
-    log(trivial::info, "model " + model_.name + " ended after " + std::to_string(report.steps) + " steps");
+    log(trivial::info, "model " + model_.name + " ended after " + countText(report.steps, "step"));
     if (report.overruns > 0) {
-        log(trivial::warning, std::to_string(report.overruns) + " of " + std::to_string(report.steps) +
-                                  " steps overran the base period, " + std::to_string(report.skippedPeriods) +
-                                  " periods were skipped");
+        log(trivial::warning, std::to_string(report.overruns) + " of " + countText(report.steps, "step") +
+                                  " overran the base period, " + countText(report.skippedPeriods, "period") +
+                                  (report.skippedPeriods == 1 ? " was" : " were") + " skipped");
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <brevane/Kernel.h>
 
+#include "count_text.h"
 #include "duration_text.h"
 
 namespace brevane {
@@ -23,7 +24,7 @@ void printVerdict(std::ostream& out, const RunReport& report) {
     }
     const std::string share = percentText(report.skippedPercent()) + " of the periods skipped";
     if (report.verdict() == Verdict::Overran) {
-        out << "overran: " << report.overruns << " of " << report.steps << " steps, " << share;
+        out << "overran: " << report.overruns << " of " << countText(report.steps, "step") << ", " << share;
     } else {
         out << "good" << (report.skippedPeriods > 0 ? ": " + share : "");
     }
@@ -36,8 +37,12 @@ void printVerdict(std::ostream& out, const RunReport& report) {
 
 std::ostream& operator<<(std::ostream& out, const RunReport& report) {
     out << "model       " << report.model << '\n'
-        << "steps       " << report.steps << " in " << durationText(report.duration) << '\n'
-        << "overruns    " << report.overruns << " (" << report.skippedPeriods << " periods skipped)\n";
+        << "steps       "
+        << (report.steps == 0 ? "none"
+                              : std::to_string(report.steps) + " in " + durationText(report.duration))
+        << '\n'
+        << "overruns    " << report.overruns << " (" << countText(report.skippedPeriods, "period")
+        << " skipped)\n";
     if (report.steps > 0) {
         out << (report.triggered ? "latency     " : "jitter      ") << durationText(report.medianLatency)
             << " median, " << durationText(report.percentile99Latency) << " 99th percentile, "

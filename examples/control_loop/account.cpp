@@ -32,9 +32,31 @@ void note(const char* section, const char* key, const Value& value) {
     notedFacts.push_back({section, key, value});
 }
 
-/** The library's way to say that a number isn't known is -1. */
+/** What the library returns for a number that it can't find out. */
+constexpr int kUnknown = -1;
+
+std::string temperatureText(const std::string& preposition, int celsius) {
+    return celsius == kUnknown ? "temperature unknown"
+                               : preposition + " " + std::to_string(celsius) + " degrees Celsius";
+}
+
+/** A machine has one serial number, of one of three kinds. */
+std::string serialNumberText(int customers, int internal, int suppliers) {
+    if (customers != kUnknown) {
+        return std::to_string(customers);
+    }
+    if (internal != kUnknown) {
+        return "i" + std::to_string(internal);
+    }
+    return suppliers == kUnknown ? "unknown" : "s" + std::to_string(suppliers);
+}
+
+std::string countText(unsigned count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 void noteUnlessUnknown(const char* section, const char* key, int value) {
-    if (value == -1) {
+    if (value == kUnknown) {
         note(section, key, std::monostate());
     } else {
         note(section, key, value);
@@ -91,8 +113,9 @@ void printMonitor(const BoardMonitorReport& report) {
         std::printf("monitor     did not run: threads at SCHED_FIFO need real-time rights\n");
         return;
     }
-    std::printf("monitor     %u readings, %u faults, at most %d degrees Celsius; ", report.readings,
-                report.faults, report.hottest);
+    std::printf("monitor     %s, %s, %s; ", countText(report.readings, "reading").c_str(),
+                countText(report.faults, "fault").c_str(),
+                temperatureText("at most", report.hottest).c_str());
     if (report.cpu < 0) {
         std::printf("the machine has no CPU to spare\n");
     } else {
@@ -101,7 +124,7 @@ void printMonitor(const BoardMonitorReport& report) {
     }
     note("monitor", "readings", report.readings);
     note("monitor", "faults", report.faults);
-    note("monitor", "hottest_celsius", report.hottest);
+    noteUnlessUnknown("monitor", "hottest_celsius", report.hottest);
     noteUnlessUnknown("monitor", "cpu", report.cpu);
     note("monitor", "pinned", report.pinned);
 }
@@ -118,8 +141,9 @@ void printSettling(const Settling& settling) {
         return;
     }
     const double slowestMs = settling.slowestTime * kMillisecondsPerSecond;
-    std::printf("settling    %u of %u changes between %.2f V and %.2f V came to within 2 %%, ",
-                settling.settled, settling.changes, settling.lowestSetPoint, settling.highestSetPoint);
+    std::printf("settling    %u of %s between %.2f V and %.2f V came to within 2 %%, ", settling.settled,
+                countText(settling.changes, "change").c_str(), settling.lowestSetPoint,
+                settling.highestSetPoint);
     std::printf("at the latest after %.0f ms\n", slowestMs);
     note("settling", "lowest_set_point_v", settling.lowestSetPoint);
     note("settling", "highest_set_point_v", settling.highestSetPoint);
@@ -128,8 +152,9 @@ void printSettling(const Settling& settling) {
 
 void printControl() {
     const double integrator = control_loop_DW.state->integrator;
-    std::printf("response    %.2f V at last, with the integrator at %.2f V; %u samples lost\n",
-                control_loop_B.response, integrator, control_loop_DW.stream.lost);
+    std::printf("response    %.2f V at last, with the integrator at %.2f V; %s lost\n",
+                control_loop_B.response, integrator,
+                countText(control_loop_DW.stream.lost, "sample").c_str());
     note("response", "last_v", control_loop_B.response);
     note("response", "integrator_v", integrator);
     note("response", "samples_lost", control_loop_DW.stream.lost);
@@ -153,13 +178,16 @@ void printLibrary() {
 void printMachine() {
     const char* name = kv_getTargetMarketingName();
     const int serialNumber = kv_getSerialNumber();
+    const int internal = kv_getSerialNumberInternal();
+    const int suppliers = kv_getSerialNumberSupplier();
     const int celsius = kv_getCpuTemperature();
-    std::printf("machine     %s, serial number %d, processor at %d degrees Celsius\n", name, serialNumber,
-                celsius);
+    std::printf("machine     %s, serial number %s, processor %s\n", name,
+                serialNumberText(serialNumber, internal, suppliers).c_str(),
+                temperatureText("at", celsius).c_str());
     note("machine", "name", name);
     noteUnlessUnknown("machine", "serial_number", serialNumber);
-    noteUnlessUnknown("machine", "internal_serial_number", kv_getSerialNumberInternal());
-    noteUnlessUnknown("machine", "supplier_serial_number", kv_getSerialNumberSupplier());
+    noteUnlessUnknown("machine", "internal_serial_number", internal);
+    noteUnlessUnknown("machine", "supplier_serial_number", suppliers);
     noteUnlessUnknown("machine", "celsius", celsius);
     printLibrary();
 }

@@ -22,7 +22,7 @@ struct BoardMonitorWorker {
 
 static void takeReading(const AnalogBoard* board, BoardMonitorReport* report) {
     const int temperature = kv_getCpuTemperature();
-    if (temperature > report->hottest) {
+    if (report->readings == 0 || temperature > report->hottest) {
         report->hottest = temperature;
     }
     if ((analogBoard_read(board, ANALOG_STATUS) & ANALOG_STATUS_READY) == 0) {
@@ -35,6 +35,7 @@ static void* monitor(void* argument) {
     struct BoardMonitorWorker* worker = argument;
     BoardMonitorReport* report = &worker->report;
     report->ran = true;
+    report->hottest = -1;
     report->cpu = kv_pickNextAsyncCpu();
     report->pinned = report->cpu >= 0 && kv_pinThisThreadToCpu(report->cpu) == 0;
     kv_setPidPriority(0, worker->priority); /* 0 is the calling thread; a failure is logged */

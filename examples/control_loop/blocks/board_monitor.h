@@ -20,7 +20,7 @@ typedef struct BoardMonitorReport {
     bool pinned;
     unsigned readings;
     unsigned faults; /* readings at which the board's converters were not ready */
-    int hottest;     /* degrees Celsius */
+    int hottest;     /* degrees Celsius; -1 where unknown */
 } BoardMonitorReport;
 
 typedef struct BoardMonitor {

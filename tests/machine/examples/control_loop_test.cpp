@@ -73,7 +73,7 @@ TEST_F(ControlLoop, HoldsThePlantAtItsSetPointAndLeavesNothingBehind) {
         AllOf(HasSubstr("Ember real-time target machine, serial number 40127, processor at 45 degrees"),
               HasSubstr("board 1     1b5a:0a18 at bus 9, slot 0"), HasSubstr("identity 0x0a180001"),
               HasSubstr("board 2     1b5a:0a28 at bus 15, slot 0"), HasSubstr("/dev/uio"),
-              HasSubstr("monitor     "), HasSubstr("settling    1 of 1 changes between 2.00 V and 5.00 V"),
+              HasSubstr("monitor     "), HasSubstr("settling    1 of 1 change between 2.00 V and 5.00 V"),
               HasSubstr("registry    empty again"), HasSubstr("result      good")));
     const auto [time, setPoint, response, output] = lastRow(record);
     EXPECT_GT(time, 0.8);
