@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "active/uio_device.h"
-#include "description/nearest_word.h"
+#include "command_line/nearest_word.h"
 #include "kvsim/description_reader.h"
 
 namespace kvsim {
@@ -24,7 +24,7 @@ void hintAtDriver(const PciFunction& function, const std::vector<PciDriver>& des
     if (function.driver.empty() || isKnown) {
         return;
     }
-    const std::optional<std::string> nearest = nearestWord(function.driver, knownDrivers());
+    const std::optional<std::string> nearest = command_line::nearestWord(function.driver, knownDrivers());
     hints.push_back({"the driver \"" + function.driver + "\" is unknown" +
                          (nearest ? ": did you mean \"" + *nearest + "\"?"
                                   : ", and does nothing but hold the function; pci-drivers may name it"),

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <set>
 
+#include "command_line/nearest_word.h"
 #include "description/mistakes.h"
-#include "description/nearest_word.h"
 
 namespace kvsim {
 
@@ -14,7 +14,7 @@ namespace {
 
 std::string unknownKey(const std::string& key, const std::string& what,
                        const std::initializer_list<const char*>& knownKeys) {
-    if (const auto nearest = nearestWord(key, {knownKeys.begin(), knownKeys.end()})) {
+    if (const auto nearest = command_line::nearestWord(key, {knownKeys.begin(), knownKeys.end()})) {
         return what + " has no key \"" + key + "\": did you mean \"" + *nearest + "\"?";
     }
     std::string reason = what + " has no key \"" + key + "\", only";

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <iostream>
-#include <numeric>
 #include <stdexcept>
 
 #include <CLI/CLI.hpp>
+
+#include "command_line/nearest_word.h"
 
 namespace command_line {
 
@@ -45,25 +46,6 @@ class HelpFormatter : public CLI::Formatter {
     static bool takesMany(const CLI::Option& option) { return option.get_items_expected_max() > 1; }
 };
 
-std::string withoutDashes(const std::string& name) {
-    return name.substr(std::min(name.find_first_not_of('-'), name.size()));
-}
-
-/** How many letters have to be inserted, deleted or replaced to make one word the other. */
-std::size_t distanceBetween(const std::string& one, const std::string& other) {
-    std::vector<std::size_t> row(other.size() + 1);
-    std::iota(row.begin(), row.end(), 0U);
-    for (std::size_t i = 0; i < one.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < other.size(); ++j) {
-            const std::size_t replaced = diagonal + (one[i] == other[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
-        }
-    }
-    return row.back();
-}
-
 /** The names of a parser's options, with their dashes. */
 std::vector<std::string> optionNames(const CLI::App& parser) {
     std::vector<std::string> names;
@@ -75,28 +57,46 @@ std::vector<std::string> optionNames(const CLI::App& parser) {
     return names;
 }
 
+/** Names the nearest of all names, or lists those of the kind where none is near. */
 [[noreturn]] void refuseUnknown(const std::string& kind, const std::string& word,
-                                const std::vector<std::string>& names) {
-    const std::string nearest = *std::ranges::min_element(names, {}, [&](const std::string& name) {
-        return distanceBetween(withoutDashes(word), withoutDashes(name));
-    });
-    throw UsageError("unknown " + kind + " '" + word + "'; did you mean '" + nearest + "'?");
+                                const std::vector<std::string>& ofTheKind,
+                                const std::vector<std::string>& allNames) {
+    std::string reason = "unknown " + kind + " '" + word + "'";
+    if (const auto nearest = command_line::nearestWord(word, allNames)) {
+        throw UsageError(reason + "; did you mean '" + *nearest + "'?");
+    }
+    for (const std::string& name : ofTheKind) {
+        reason += (&name == &ofTheKind.front() ? "; there are " : ", ") + name;
+    }
+    throw UsageError(reason);
 }
 
 bool isOption(const std::string& word) {
     return word.size() > 1 && word.starts_with('-');
 }
 
-/** Whether the word after an option is the option's value; refuses an option that the parser does not have.
+/**
+ * Moves from an option to the word that is its value, where it has one. Refuses an option that the parser
+ * does not have and an empty value: no option has a use for one.
  */
-bool isFollowedByValue(const std::string& word, const CLI::App& parser) {
-    const std::size_t equalSign = word.find('=');
-    const std::string name = word.substr(0, equalSign);
+template <typename Word>
+Word lastWordOfOption(Word word, Word end, const CLI::App& parser) {
+    const std::size_t equalSign = word->find('=');
+    const std::string name = word->substr(0, equalSign);
     const CLI::Option* const option = parser.get_option_no_throw(name);
     if (option == nullptr) {
-        refuseUnknown("option", name, optionNames(parser));
+        const std::vector<std::string> names = optionNames(parser);
+        refuseUnknown("option", name, names, names);
     }
-    return equalSign == word.npos && option->get_items_expected_max() > 0;
+    const bool isNext =
+        equalSign == word->npos && option->get_items_expected_max() > 0 && std::next(word) != end;
+    if (isNext) {
+        ++word;
+    }
+    if (isNext ? word->empty() : equalSign == word->size() - 1) {
+        throw UsageError(name + ": " + option->get_type_name() + " is empty");
+    }
+    return word;
 }
 
 }  // namespace
@@ -152,8 +152,9 @@ void Program::refuseUnknownCommand(const std::string& word) const {
     for (const auto& command : commands_) {
         names.push_back(command->parser_->get_name());
     }
-    std::ranges::copy(optionNames(*parser_), std::back_inserter(names));
-    refuseUnknown("command", word, names);
+    std::vector<std::string> allNames = names;
+    std::ranges::copy(optionNames(*parser_), std::back_inserter(allNames));
+    refuseUnknown("command", word, names, allNames);
 }
 
 /**
@@ -167,9 +168,7 @@ std::vector<std::string> Program::checkedArguments(int argc, char** argv, const 
     const CLI::App* parser = parser_.get();
     for (; word != words.end() && *word != "--"; ++word) {
         if (isOption(*word)) {
-            if (isFollowedByValue(*word, *parser) && std::next(word) != words.end()) {
-                ++word;
-            }
+            word = lastWordOfOption(word, words.end(), *parser);
         } else if (command == nullptr) {
             command = find(*word);
             if (command == nullptr) {

@@ -21,7 +21,7 @@ class Command {
     /** Adds an option without a value. @param name  with its dashes */
     void addFlag(const std::string& name, bool& value, const std::string& description);
 
-    /** Adds an option with a value. @param valueName  what the help shows for the value */
+    /** Adds an option with a value; an empty one is refused. @param valueName  its name in the help */
     void addOption(const std::string& name, const std::string& valueName, std::string& value,
                    const std::string& description);
 
@@ -68,8 +68,8 @@ class Program {
     /**
      * Parses the arguments and runs the sub-command. Returns its exit status, 0 after help or version, and 1
      * where standard output could not be written. Wrong usage is reported on standard error in one line,
-     * which names the nearest command or option for one that is unknown, and returns kUsageError. Exceptions
-     * of the action pass.
+     * which for an unknown command or option names the nearest or lists those there are, and returns
+     * kUsageError. Exceptions of the action pass.
      */
     int run(int argc, char** argv);
 

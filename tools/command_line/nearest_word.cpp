@@ -1,14 +1,18 @@
-#include "description/nearest_word.h"
+#include "command_line/nearest_word.h"
 
 #include <algorithm>
 #include <numeric>
 #include <string_view>
 
-namespace kvsim {
+namespace command_line {
 
 namespace {
 
 constexpr std::size_t kMaxTypingErrors = 2;
+
+std::string_view withoutDashes(std::string_view name) {
+    return name.substr(std::min(name.find_first_not_of('-'), name.size()));
+}
 
 /** How many letters must be changed, added or taken away to make one word of the other. */
 std::size_t editDistance(std::string_view a, std::string_view b) {
@@ -28,10 +32,16 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
 }  // namespace
 
 std::optional<std::string> nearestWord(const std::string& word, const std::vector<std::string>& known) {
-    const auto distance = [&word](const std::string& other) { return editDistance(word, other); };
+    const std::string_view letters = withoutDashes(word);
+    const auto distance = [letters](const std::string& other) {
+        return editDistance(letters, withoutDashes(other));
+    };
     const auto nearest = std::ranges::min_element(known, {}, distance);
-    return nearest != known.end() && distance(*nearest) <= kMaxTypingErrors ? std::optional(*nearest)
-                                                                            : std::nullopt;
+    if (nearest == known.end() || distance(*nearest) > kMaxTypingErrors ||
+        distance(*nearest) >= letters.size()) {
+        return std::nullopt;
+    }
+    return *nearest;
 }
 
-}  // namespace kvsim
+}  // namespace command_line
