@@ -25,6 +25,15 @@ using kv::os::UniqueFd;
 
 constexpr const char* kLockFile = "lock";
 
+void makeFolder(const std::filesystem::path& folder) {
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    if (error) {
+        throw MachineUnavailable("the state folder " + folder.string() +
+                                 " cannot be created: " + std::strerror(error.value()));
+    }
+}
+
 /** The process that took the lock has left its number. 0 where it has ended, and others hold the lock. */
 pid_t holderOf(const std::filesystem::path& lockFile) {
     pid_t holder = 0;
@@ -51,7 +60,7 @@ bool lock(int file, const std::filesystem::path& path) {
 }  // namespace
 
 UniqueFd lockStateFolder(const std::filesystem::path& folder) {
-    std::filesystem::create_directories(folder);
+    makeFolder(folder);
     const std::filesystem::path path = folder / kLockFile;
     UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file) {
@@ -72,7 +81,7 @@ UniqueFd lockStateFolder(const std::filesystem::path& folder) {
 StateOnHost::StateOnHost(const std::filesystem::path& folder) {
     for (const std::string machineFolder : kStateFolders) {
         const std::filesystem::path onHost = folder / machineFolder.substr(1);
-        std::filesystem::create_directories(onHost);
+        makeFolder(onHost);
         UniqueFd descriptor = kv::os::openFile(onHost, O_PATH | O_DIRECTORY);
         if (!descriptor) {
             throw MachineUnavailable("cannot open " + onHost.string() + ": " + std::strerror(errno));

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <iterator>
+#include <ranges>
 #include <set>
 #include <sys/stat.h>
 
@@ -31,9 +33,9 @@ std::string describe(const std::string& path, mode_t type, std::uintmax_t size) 
     const auto count = static_cast<unsigned long long>(size);
     switch (type & S_IFMT) {
         case S_IFREG:
-            return name + format(" (%llu bytes)", count);
+            return name + format(count == 1 ? " (%llu byte)" : " (%llu bytes)", count);
         case S_IFDIR:
-            return name + format("/ (%llu entries)", count);
+            return name + format(count == 1 ? "/ (%llu entry)" : "/ (%llu entries)", count);
         default:
             return name + " (" + kindOf(type) + ")";
     }
@@ -100,30 +102,30 @@ bool Leftovers::Leftover::isVolatileState() const {
     return isState(path()) && !(path().starts_with(kSharedMemory) && S_ISDIR(type));
 }
 
-std::string Leftovers::listed(bool withState) const {
+std::string Leftovers::listed(const std::vector<Leftover>& leftovers) {
     std::string lines;
-    std::size_t count = 0;
-    for (const Leftover& leftover : leftovers_) {
-        if ((withState || !leftover.isVolatileState()) && ++count <= kMaxListed) {
-            lines += "\n  " + describe(leftover.path(), leftover.type, leftover.size);
-        }
+    for (const Leftover& leftover : leftovers | std::views::take(kMaxListed)) {
+        lines += "\n  " + describe(leftover.path(), leftover.type, leftover.size);
     }
-    return lines + (count > kMaxListed ? format("\n  and %zu more", count - kMaxListed) : "");
+    return lines +
+           (leftovers.size() > kMaxListed ? format("\n  and %zu more", leftovers.size() - kMaxListed) : "");
 }
 
 void Leftovers::report() const {
-    if (std::ranges::all_of(leftovers_, &Leftover::isVolatileState)) {
+    std::vector<Leftover> lost;
+    std::ranges::remove_copy_if(leftovers_, std::back_inserter(lost), &Leftover::isVolatileState);
+    if (lost.empty()) {
         return;
     }
     std::set<std::string> reasons;
-    for (const Leftover& leftover : leftovers_) {
+    for (const Leftover& leftover : lost) {
         const CoveredFolder& cover = *leftover.cover;
-        if (!leftover.isVolatileState() && !cover.reason.empty()) {
+        if (!cover.reason.empty()) {
             reasons.insert("\n" + cover.path + " is the machine's, because " + printable(cover.reason));
         }
     }
     std::string message =
-        "lost with the machine ('kvsim run --keep DIR' copies it to the host):" + listed(false);
+        "lost with the machine ('kvsim run --keep DIR' copies it to the host):" + listed(lost);
     for (const std::string& reason : reasons) {
         message += reason;
     }
@@ -131,19 +133,19 @@ void Leftovers::report() const {
 }
 
 bool Leftovers::copyTo(int destination, const std::string& destinationPath) const {
-    bool isComplete = true;
     const std::string to = " to " + printable(destinationPath) + ":";
     const auto reportFailure = [&to](const std::string& path, const std::string& reason) {
         printMessage("cannot copy " + printable("/" + path) + to + " " + reason);
     };
-    for (const Leftover& leftover : leftovers_) {
-        isComplete &= copyTree(leftover.cover->folder.get(), leftover.below, destination,
-                               leftover.path().substr(1), reportFailure);
+    std::vector<Leftover> copied;
+    std::ranges::copy_if(leftovers_, std::back_inserter(copied), [&](const Leftover& leftover) {
+        return copyTree(leftover.cover->folder.get(), leftover.below, destination, leftover.path().substr(1),
+                        reportFailure);
+    });
+    if (!copied.empty()) {
+        printMessage("copied" + to + listed(copied));
     }
-    if (!leftovers_.empty()) {
-        printMessage((isComplete ? "copied" : "copied as far as possible") + to + listed(true));
-    }
-    return isComplete;
+    return copied.size() == leftovers_.size();
 }
 
 }  // namespace kvsim

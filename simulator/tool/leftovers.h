@@ -22,9 +22,9 @@ class Leftovers {
     void report() const;
 
     /**
-     * Copies everything below a folder of the host, at the path that it has on the machine, and names it on
-     * standard error. What stands in its place there is replaced. False where something could not be copied,
-     * which is named, too.
+     * Copies everything below a folder of the host, at the path that it has on the machine, and names what
+     * was copied completely on standard error. What stands in its place there is replaced. False where
+     * something could not be copied, which is named with the reason.
      */
     [[nodiscard]] bool copyTo(int destination, const std::string& destinationPath) const;
 
@@ -40,7 +40,7 @@ class Leftovers {
     };
 
     /** The lines of a message, not more than a person reads. */
-    [[nodiscard]] std::string listed(bool withState) const;
+    [[nodiscard]] static std::string listed(const std::vector<Leftover>& leftovers);
 
     std::vector<CoveredFolder> folders_;
     std::vector<Leftover> leftovers_;

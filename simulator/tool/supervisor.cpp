@@ -15,6 +15,7 @@
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -150,12 +151,16 @@ struct KeepFolder {
         path = wanted;
         std::error_code error;
         std::filesystem::create_directories(path, error);
-        folder = kv::os::openFile(path, O_RDONLY | O_DIRECTORY);
-        if (!folder || ::faccessat(folder.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
-            printMessage("cannot copy to " + printable(path) + ": " + std::strerror(errno));
-            return false;
+        if (!error) {
+            folder = kv::os::openFile(path, O_RDONLY | O_DIRECTORY);
+            if (!folder || ::faccessat(folder.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
+                error.assign(errno, std::generic_category());
+            }
         }
-        return true;
+        if (error) {
+            printMessage("cannot copy to " + printable(path) + ": " + std::strerror(error.value()));
+        }
+        return !error;
     }
 };
 

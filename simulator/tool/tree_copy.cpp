@@ -62,11 +62,20 @@ bool copyContents(int from, int to, const struct stat& status) {
     return ::futimens(to, times.data()) == 0;
 }
 
+/** Leaves no copy in part. */
 bool copyFile(int from, const char* name, int to, const char* target, const struct stat& status) {
     const UniqueFd source(::openat(from, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     const UniqueFd copy(
         ::openat(to, target, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, status.st_mode & kModeBits));
-    return source && copy && copyContents(source.get(), copy.get(), status);
+    if (source && copy && copyContents(source.get(), copy.get(), status)) {
+        return true;
+    }
+    if (copy) {
+        const int reason = errno;
+        ::unlinkat(to, target, 0);
+        errno = reason;
+    }
+    return false;
 }
 
 bool copyLink(int from, const char* name, int to, const char* target) {

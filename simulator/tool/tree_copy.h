@@ -24,7 +24,7 @@ using CopyFailed = std::function<void(const std::string& path, const std::string
  * another. Folders above are made; what stands in its place is replaced, but a folder is merged into a
  * folder. No link is followed, neither in the source nor below the destination. Holes of files stay holes.
  *
- * Goes on after a failure; false where there was one.
+ * Goes on after a failure; false where there was one. Of a file that can't be copied whole nothing is left.
  */
 bool copyTree(int from, const std::string& name, int to, const std::string& path, const CopyFailed& failed);
 
