@@ -33,7 +33,7 @@ std::pair<std::uint16_t, std::uint16_t> readIdentity(const YAML::Node& node, con
         text.size() == 9 && std::sscanf(text.c_str(), "%4x:%4x%n", &vendor, &device, &length) == 2;
     if (!isIdentity || length != 9) {
         throw DescriptionError(
-            name + ": \"" + text + "\" is no pair of four hexadecimal digits each, as in 8086:1533",
+            name + ": \"" + text + "\" is not a pair of four hexadecimal digits each, as in 8086:1533",
             positionOf(node));
     }
     return {static_cast<std::uint16_t>(vendor), static_cast<std::uint16_t>(device)};
@@ -373,7 +373,7 @@ MachineDescription readDescription(const std::filesystem::path& file) {
         try {
             machine = readChecked(file);
         } catch (const YAML::Exception& error) {
-            throw DescriptionError("this is no YAML: " + error.msg,
+            throw DescriptionError("invalid YAML: " + error.msg,
                                    {.line = error.mark.line + 1, .column = error.mark.column + 1});
         }
     });

@@ -210,7 +210,7 @@ class ClassDeviceChecks {
             requireFileName(name, "an attribute", device.position);
         }
         if (device.terminal && device.className != "tty") {
-            refuse("a " + device.className + " device is no terminal", device.position);
+            refuse("a " + device.className + " device is not a terminal", device.position);
         }
     }
 
@@ -248,7 +248,8 @@ void checkFile(const PlainFile& file) {
                          file.path.find('\0') == std::string::npos && !file.path.ends_with('/');
     if (!isPlain || std::ranges::none_of(kMachineFolders, below) ||
         std::ranges::any_of(kDeskFolders, below)) {
-        refuse(format("\"%s\" is no path in the folders of the machine", file.path.c_str()), file.position);
+        refuse(format("\"%s\" is not a path in the folders of the machine", file.path.c_str()),
+               file.position);
     }
 }
 

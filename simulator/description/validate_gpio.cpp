@@ -14,9 +14,9 @@ constexpr const char* kChipPrefix = "gpiochip";
 
 void requireGpioName(const std::string& name, const char* what, Position position) {
     if (name.size() > kMaxNameLength || name.find('\n') != std::string::npos) {
-        refuse(
-            format("\"%s\" is no %s: one line of at most %zu characters", name.c_str(), what, kMaxNameLength),
-            position);
+        refuse(format("\"%s\" is not a valid %s: one line of at most %zu characters", name.c_str(), what,
+                      kMaxNameLength),
+               position);
     }
 }
 
@@ -28,7 +28,7 @@ bool isChipName(const std::string& name) {
 
 void checkChip(const GpioChip& chip, std::set<std::string>& names) {
     if (!isChipName(chip.name)) {
-        refuse(format("\"%s\" is no name of a GPIO chip, as gpiochip0 is", chip.name.c_str()), chip.position);
+        refuse(format("\"%s\" is not a GPIO chip name such as gpiochip0", chip.name.c_str()), chip.position);
     }
     if (!names.insert(chip.name).second) {
         refuse("there are two GPIO chips named " + chip.name, chip.position);

@@ -21,7 +21,7 @@ std::string nameOf(const AxiDevice& device, std::size_t map) {
 
 void requireWholePages(const std::string& name, const char* what, std::uint64_t number, Position position) {
     if (number % kPageBytes != 0) {
-        refuse(format("the %s %s of %s is no multiple of %s", what, hex(number).c_str(), name.c_str(),
+        refuse(format("the %s %s of %s is not a multiple of %s", what, hex(number).c_str(), name.c_str(),
                       hex(kPageBytes).c_str()),
                position);
     }
@@ -65,7 +65,8 @@ void checkMap(const AxiDevice& device, std::size_t index) {
 void checkAxiDevice(const AxiDevice& device) {
     requireFileName(device.name, "an AXI device", device.position);
     if (std::ranges::any_of(device.name, [](unsigned char letter) { return std::isspace(letter) != 0; })) {
-        refuse("\"" + device.name + "\" is no single word, as the name of an AXI device is", device.position);
+        refuse("\"" + device.name + "\" is not a single word, as the name of an AXI device must be",
+               device.position);
     }
     if (device.irq > kMaxIrq) {
         refuse(format("the irq %u of %s is above %u", device.irq, device.name.c_str(), kMaxIrq),

@@ -64,7 +64,7 @@ std::int64_t readNumber(const YAML::Node& node, const std::string& name, std::in
     const char* const end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data() + (isHex ? 2 : 0), end, number, isHex ? 16 : 10);
     if (parsed.ptr != end || parsed.ec == std::errc::invalid_argument || (isHex && number < 0)) {
-        throw DescriptionError(name + ": \"" + text + "\" is no number", positionOf(node));
+        throw DescriptionError(name + ": \"" + text + "\" is not a number", positionOf(node));
     }
     if (parsed.ec != std::errc() || number < first || number > last) {
         throw DescriptionError(name + ": " + text + " is not in the range " + std::to_string(first) + " to " +
@@ -80,7 +80,7 @@ double readDecimal(const YAML::Node& node, const std::string& name) {
     const char* const end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data(), end, number);
     if (parsed.ptr != end || parsed.ec != std::errc() || !std::isfinite(number)) {
-        throw DescriptionError(name + ": \"" + text + "\" is no number", positionOf(node));
+        throw DescriptionError(name + ": \"" + text + "\" is not a number", positionOf(node));
     }
     return number;
 }

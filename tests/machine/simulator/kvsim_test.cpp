@@ -177,8 +177,8 @@ TEST(KvsimUse, IsRefusedWithAReasonAndStatusTwo) {
     const TemporaryFolder folder;
     const std::string bad = folder.write("bad.yaml", "summary: x\ncpus: many\n");
     const std::pair<std::string, std::string> refusals[] = {
-        {" run " + bad + " true", "kvsim: " + bad + ":2:7: cpus: \"many\" is no number\n"},
-        {" check " + bad, "kvsim: " + bad + ":2:7: cpus: \"many\" is no number\n"},
+        {" run " + bad + " true", "kvsim: " + bad + ":2:7: cpus: \"many\" is not a number\n"},
+        {" check " + bad, "kvsim: " + bad + ":2:7: cpus: \"many\" is not a number\n"},
         {" run nowhere true", "kvsim: there is no machine \"nowhere\"; there are: "},
     };
     for (const auto& [arguments, reason] : refusals) {

@@ -40,7 +40,7 @@ TEST(SerialDescription, IsRefusedWithPlaceAndReason) {
     const std::string device = "summary: x\nplatform:\n  - {name: p, devices: [{name: d, class: ";
     const std::pair<std::string, std::string> cases[] = {
         {gpio + "{name: gpio0, label: x, lines: {0: A}}",
-         "3:5: \"gpio0\" is no name of a GPIO chip, as gpiochip0 is"},
+         "3:5: \"gpio0\" is not a GPIO chip name such as gpiochip0"},
         {chip + "{0: A}}\n  - {name: gpiochip0, label: y, lines: {0: A}}",
          "4:5: there are two GPIO chips named gpiochip0"},
         {chip + "[A]}", "3:40: lines must be a map from offsets to names"},
@@ -48,11 +48,12 @@ TEST(SerialDescription, IsRefusedWithPlaceAndReason) {
         {chip + "{512: A}}", "3:41: the offset of a line: 512 is not in the range 0 to 511"},
         {chip + "{1: A, 0x1: B}}", "3:47: line 1 is named twice"},
         {chip + "{1: aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa}}",
-         "3:5: \"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\" is no name of a GPIO line: one line of at most 31 "
+         "3:5: \"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\" is not a valid name of a GPIO line: one line of at most "
+         "31 "
          "characters"},
         {device + "tty, terminal: {far-end: loop}}]}",
          "3:67: far-end: \"loop\" is none of echo, capture, none"},
-        {device + "net, terminal: {far-end: echo}}]}", "3:25: a net device is no terminal"},
+        {device + "net, terminal: {far-end: echo}}]}", "3:25: a net device is not a terminal"},
     };
     for (const auto& [text, refusal] : cases) {
         const TemporaryFolder folder;
