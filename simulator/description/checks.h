@@ -44,8 +44,8 @@ class AddressRanges {
     std::map<std::uint64_t, Range> ranges_;
 };
 
-/** Refuses devices and memory of the chip that can't be, or that lie where a PCI function is. */
-void checkSoc(const MachineDescription& description);
+/** Refuses devices and memory of the chip that can't be, or that lie where memory is taken already. */
+void checkSoc(const MachineDescription& description, AddressRanges memory);
 
 /** Refuses GPIO chips that can't be. */
 void checkGpio(const std::vector<GpioChip>& chips);

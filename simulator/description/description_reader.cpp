@@ -1,5 +1,6 @@
 #include "kvsim/description_reader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -9,8 +10,10 @@
 #include <yaml-cpp/anchor.h>
 #include <yaml-cpp/eventhandler.h>
 
+#include "command_line/nearest_word.h"
 #include "description/checks.h"
 #include "description/gpio_reader.h"
+#include "description/hints.h"
 #include "description/mistakes.h"
 #include "description/soc_reader.h"
 #include "description/yaml_section.h"
@@ -79,8 +82,7 @@ FarEnd readTerminal(const YAML::Node& node) {
 }
 
 std::vector<ClassDevice> readClassDevices(const YAML::Node& list) {
-    std::vector<ClassDevice> devices;
-    forEach(list, "devices", [&devices](const YAML::Node& node) {
+    return readList<ClassDevice>(list, "devices", [](const YAML::Node& node) {
         const YamlSection section(node, "a device", {"class", "name", "attributes", "terminal"});
         ClassDevice device{.className = section.text("class"), .name = section.text("name")};
         device.position = section.position();
@@ -88,9 +90,8 @@ std::vector<ClassDevice> readClassDevices(const YAML::Node& list) {
             device.attributes = readLines(value, "attributes");
         });
         section.optional("terminal", [&](const YAML::Node& value) { device.terminal = readTerminal(value); });
-        devices.push_back(std::move(device));
+        return device;
     });
-    return devices;
 }
 
 BarSpace readSpace(const YAML::Node& node) {
@@ -127,19 +128,20 @@ ExpressCapability readExpress(const YAML::Node& node) {
 }
 
 std::vector<Plant> readPlants(const YAML::Node& list) {
-    std::vector<Plant> plants;
-    forEach(list, "plants", [&plants](const YAML::Node& node) {
+    return readList<Plant>(list, "plants", [](const YAML::Node& node) {
         const YamlSection section(node, "a plant", {"output", "input", "gain", "time-constant"});
         Plant plant{.output = section.number<unsigned>("output"), .input = section.number<unsigned>("input")};
         plant.position = section.position();
         section.optionalDecimal("gain", plant.gain);
         section.optionalDecimal("time-constant", plant.timeConstantSeconds);
-        plants.push_back(plant);
+        return plant;
     });
-    return plants;
 }
 
-/** Reads the functions of one bus, each followed by those of the bus that it leads to. */
+/**
+ * Reads the functions of one bus, each followed by those of the bus that it leads to. A function with a
+ * mistake is left out, and with a bridge what is behind it.
+ */
 class PciReader {
  public:
     explicit PciReader(std::vector<PciFunction>& functions) : functions_(functions) {}
@@ -150,6 +152,7 @@ class PciReader {
 
  private:
     void readFunction(const YAML::Node& node, std::uint8_t bus) {
+        const int formerMistakes = Mistakes::count();
         const YamlSection section(
             node, "a PCI function",
             {"slot", "function", "id", "subsystem", "class", "revision", "irq", "driver", "enabled",
@@ -186,15 +189,25 @@ class PciReader {
             function.classCode = kBridgeClassCode;
         }
         section.optionalNumber("class", function.classCode);
+        const bool isSound = Mistakes::count() == formerMistakes;
+        const std::size_t formerFunctions = functions_.size();
         functions_.push_back(function);
-        if (section.has("behind")) {
-            const YAML::Node behind = section.required("behind");
-            if (!function.secondaryBus) {
-                throw DescriptionError("what is behind this bridge needs its bus number: leads-to is missing",
-                                       positionOf(behind));
+        Mistakes::attempt([&] {
+            if (section.has("behind")) {
+                readBehind(section.required("behind"), function);
             }
-            readBus(behind, "behind", *function.secondaryBus);
+        });
+        if (!isSound) {
+            functions_.resize(formerFunctions);
         }
+    }
+
+    void readBehind(const YAML::Node& list, const PciFunction& bridge) {
+        if (!bridge.secondaryBus) {
+            throw DescriptionError("what is behind this bridge needs its bus number: leads-to is missing",
+                                   positionOf(list));
+        }
+        readBus(list, "behind", *bridge.secondaryBus);
     }
 
     std::vector<PciFunction>& functions_;
@@ -217,15 +230,11 @@ PciDriver readPciDriver(const YAML::Node& node) {
 }
 
 std::vector<PciDriver> readPciDrivers(const YAML::Node& list) {
-    std::vector<PciDriver> drivers;
-    forEach(list, "pci-drivers",
-            [&drivers](const YAML::Node& node) { drivers.push_back(readPciDriver(node)); });
-    return drivers;
+    return readList<PciDriver>(list, "pci-drivers", readPciDriver);
 }
 
 std::vector<PlatformDevice> readPlatformDevices(const YAML::Node& list) {
-    std::vector<PlatformDevice> devices;
-    forEach(list, "platform", [&devices](const YAML::Node& node) {
+    return readList<PlatformDevice>(list, "platform", [](const YAML::Node& node) {
         const YamlSection section(node, "a platform device", {"name", "attributes", "devices"});
         PlatformDevice device{.name = section.text("name")};
         device.position = section.position();
@@ -234,22 +243,28 @@ std::vector<PlatformDevice> readPlatformDevices(const YAML::Node& list) {
         });
         section.optional("devices",
                          [&](const YAML::Node& value) { device.classDevices = readClassDevices(value); });
-        devices.push_back(std::move(device));
+        return device;
     });
-    return devices;
 }
 
 std::vector<PlainFile> readFiles(const YAML::Node& list) {
-    std::vector<PlainFile> files;
-    forEach(list, "files", [&files](const YAML::Node& node) {
+    return readList<PlainFile>(list, "files", [](const YAML::Node& node) {
         const YamlSection section(node, "a file", {"path", "text"});
-        files.push_back(
-            {.path = section.text("path"), .text = section.text("text"), .position = section.position()});
+        return PlainFile{
+            .path = section.text("path"), .text = section.text("text"), .position = section.position()};
     });
-    return files;
 }
 
-MachineDescription readMachine(const YAML::Node& document) {
+/** Whether a key of a map is a mistyped `word`. */
+bool hasMistyped(const std::string& word, const YAML::Node& map) {
+    return std::any_of(map.begin(), map.end(), [&word](const auto& entry) {
+        const std::string& key = entry.first.Scalar();
+        return key != word && command_line::nearestWord(key, {word});
+    });
+}
+
+/** `hasAllDrivers` is false where a PCI driver could not be read. */
+MachineDescription readMachine(const YAML::Node& document, bool& hasAllDrivers) {
     const YamlSection section(
         document, "a machine",
         {"summary", "cpus", "temperature", "serial-number", "system-information", "pci-drivers", "pci", "axi",
@@ -269,8 +284,10 @@ MachineDescription readMachine(const YAML::Node& document) {
             machine.systemInformation[name] = text;
         }
     });
+    const int formerMistakes = Mistakes::count();
     section.optional("pci-drivers",
                      [&](const YAML::Node& value) { machine.pciDrivers = readPciDrivers(value); });
+    hasAllDrivers = Mistakes::count() == formerMistakes && !hasMistyped("pci-drivers", document);
     section.optional(
         "pci", [&](const YAML::Node& list) { PciReader(machine.pciFunctions).readBus(list, "pci", 0); });
     section.optional("axi", [&](const YAML::Node& value) { machine.axiDevices = readAxiDevices(value); });
@@ -380,7 +397,7 @@ void refuseUnclosedQuote(const std::string& text) {
     finder.refuseQuoteOfMark();
 }
 
-MachineDescription readChecked(const std::filesystem::path& file) {
+MachineDescription readChecked(const std::filesystem::path& file, std::vector<Hint>& hints) {
     const std::string text = readWhole(file);
     refuseUnclosedQuote(text);
     const std::vector<YAML::Node> documents = YAML::LoadAll(text);
@@ -390,28 +407,42 @@ MachineDescription readChecked(const std::filesystem::path& file) {
     if (documents.size() > 1) {
         throw DescriptionError("the file holds more than one document", positionOf(documents[1]));
     }
-    MachineDescription machine = readMachine(documents.front());
-    if (!Mistakes::wereMet()) {
-        validate(machine);
+    bool hasAllDrivers = false;
+    MachineDescription machine = readMachine(documents.front(), hasAllDrivers);
+    hints = hintsFor(machine, hasAllDrivers);
+    validate(machine);
+    return machine;
+}
+
+/** Hints that are not wanted do not stand among the mistakes. */
+MachineDescription readWith(const std::filesystem::path& file, std::vector<Hint>* wantedHints) {
+    Mistakes mistakes;
+    MachineDescription machine;
+    std::vector<Hint> hints;
+    Mistakes::collect([&] {
+        try {
+            machine = readChecked(file, hints);
+        } catch (const YAML::Exception& error) {
+            throw DescriptionError("invalid YAML: " + error.msg,
+                                   {.line = error.mark.line + 1, .column = error.mark.column + 1});
+        }
+    });
+    if (wantedHints != nullptr) {
+        mistakes.addHints(hints);
+        *wantedHints = std::move(hints);
     }
+    mistakes.throwIfAny(file);
     return machine;
 }
 
 }  // namespace
 
 MachineDescription readDescription(const std::filesystem::path& file) {
-    Mistakes mistakes;
-    MachineDescription machine;
-    Mistakes::collect([&] {
-        try {
-            machine = readChecked(file);
-        } catch (const YAML::Exception& error) {
-            throw DescriptionError("invalid YAML: " + error.msg,
-                                   {.line = error.mark.line + 1, .column = error.mark.column + 1});
-        }
-    });
-    mistakes.throwIfAny(file);
-    return machine;
+    return readWith(file, nullptr);
+}
+
+MachineDescription readDescription(const std::filesystem::path& file, std::vector<Hint>& hints) {
+    return readWith(file, &hints);
 }
 
 }  // namespace kvsim

@@ -25,15 +25,13 @@ std::map<unsigned, std::string> readLineNames(const YAML::Node& map) {
 }  // namespace
 
 std::vector<GpioChip> readGpioChips(const YAML::Node& list) {
-    std::vector<GpioChip> chips;
-    forEach(list, "gpio", [&chips](const YAML::Node& node) {
+    return readList<GpioChip>(list, "gpio", [](const YAML::Node& node) {
         const YamlSection section(node, "a GPIO chip", {"name", "label", "lines"});
         GpioChip chip{.name = section.text("name"), .label = section.text("label")};
         chip.position = section.position();
         chip.lines = readLineNames(section.required("lines"));
-        chips.push_back(std::move(chip));
+        return chip;
     });
-    return chips;
 }
 
 }  // namespace kvsim

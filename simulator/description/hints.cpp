@@ -1,8 +1,9 @@
+#include "description/hints.h"
+
 #include <algorithm>
 
 #include "active/uio_device.h"
 #include "command_line/nearest_word.h"
-#include "kvsim/description_reader.h"
 
 namespace kvsim {
 
@@ -33,10 +34,12 @@ void hintAtDriver(const PciFunction& function, const std::vector<PciDriver>& des
 
 }  // namespace
 
-std::vector<Hint> hintsFor(const MachineDescription& machine) {
+std::vector<Hint> hintsFor(const MachineDescription& machine, bool hasAllDrivers) {
     std::vector<Hint> hints;
     for (const PciFunction& function : machine.pciFunctions) {
-        hintAtDriver(function, machine.pciDrivers, hints);
+        if (hasAllDrivers) {
+            hintAtDriver(function, machine.pciDrivers, hints);
+        }
         if (function.driver == kUioDriver && function.irq == 0) {
             hints.push_back({std::string(kUioDriver) + " makes no /dev/uioN for a function without an irq",
                              function.position});

@@ -50,12 +50,18 @@ void Mistakes::collect(const std::function<void()>& work) {
     }
 }
 
-bool Mistakes::wereMet() {
-    return collector != nullptr && collector->met_ > 0;
+int Mistakes::count() {
+    return collector == nullptr ? 0 : collector->met_;
+}
+
+void Mistakes::addHints(const std::vector<Hint>& hints) {
+    for (const auto& [text, position] : hints) {
+        found_.emplace(position.line, position.column, "hint: " + text);
+    }
 }
 
 void Mistakes::throwIfAny(const std::filesystem::path& file) const {
-    if (found_.empty()) {
+    if (met_ == 0) {
         return;
     }
     std::string text;

@@ -5,8 +5,10 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "kvsim/description.h"
+#include "kvsim/description_reader.h"
 
 namespace kvsim {
 
@@ -36,8 +38,11 @@ class Mistakes {
      */
     static void attempt(const std::function<void()>& part);
 
-    /** Whether any was met, so that checks which build on what is wrong would only repeat it. */
-    static bool wereMet();
+    /** How many were met: work that raises the number has a result that others must not build on. */
+    static int count();
+
+    /** Adds what is shown among the mistakes, if there are any. */
+    void addHints(const std::vector<Hint>& hints);
 
  private:
     using Found = std::tuple<int, int, std::string>; /**< line, column, reason */

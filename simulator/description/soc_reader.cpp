@@ -20,8 +20,7 @@ UioMap readMap(const YAML::Node& node) {
 }  // namespace
 
 std::vector<AxiDevice> readAxiDevices(const YAML::Node& list) {
-    std::vector<AxiDevice> devices;
-    forEach(list, "axi", [&devices](const YAML::Node& node) {
+    return readList<AxiDevice>(list, "axi", [](const YAML::Node& node) {
         const YamlSection section(node, "an AXI device", {"name", "irq", "maps"});
         AxiDevice device{.name = section.text("name")};
         device.position = section.position();
@@ -29,16 +28,17 @@ std::vector<AxiDevice> readAxiDevices(const YAML::Node& list) {
         section.optional("maps", [&](const YAML::Node& maps) {
             forEach(maps, "maps", [&](const YAML::Node& map) { device.maps.push_back(readMap(map)); });
         });
-        devices.push_back(std::move(device));
+        return device;
     });
-    return devices;
 }
 
-MemoryRange readMemoryRange(const YAML::Node& node, const char* what) {
+std::optional<MemoryRange> readMemoryRange(const YAML::Node& node, const char* what) {
+    const int formerMistakes = Mistakes::count();
     const YamlSection section(node, what, {"address", "size"});
-    return {.address = section.number<std::uint64_t>("address"),
-            .sizeBytes = section.number<std::uint64_t>("size"),
-            .position = section.position()};
+    const MemoryRange range{.address = section.number<std::uint64_t>("address"),
+                            .sizeBytes = section.number<std::uint64_t>("size"),
+                            .position = section.position()};
+    return Mistakes::count() == formerMistakes ? std::optional(range) : std::nullopt;
 }
 
 }  // namespace kvsim

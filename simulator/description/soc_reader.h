@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <vector>
 
 #include <yaml-cpp/yaml.h>
@@ -10,7 +11,7 @@ namespace kvsim {
 
 std::vector<AxiDevice> readAxiDevices(const YAML::Node& list);
 
-/** `what` the range is goes into the reason. */
-MemoryRange readMemoryRange(const YAML::Node& node, const char* what);
+/** `what` the range is goes into the reason. Empty where the range has a mistake. */
+std::optional<MemoryRange> readMemoryRange(const YAML::Node& node, const char* what);
 
 }  // namespace kvsim

@@ -29,6 +29,9 @@ constexpr std::uint64_t kMaxIoAddress = 0x10000;
 
 class BarChecks {
  public:
+    /** Where the sound memory BARs lie. */
+    [[nodiscard]] const AddressRanges& memoryRanges() const { return memoryRanges_; }
+
     void check(const PciFunction& function) {
         std::set<unsigned> taken;
         for (const Bar& bar : function.bars) {
@@ -160,7 +163,9 @@ void checkBridge(const PciFunction& function, std::set<unsigned>& buses) {
     }
 }
 
-void checkPci(const MachineDescription& description) {
+/** Returns where memory is taken. */
+AddressRanges checkPci(const MachineDescription& description) {
+    const int formerMistakes = Mistakes::count();
     std::set<std::string> addresses;
     std::set<unsigned> buses = {0};
     for (const PciFunction& function : description.pciFunctions) {
@@ -184,10 +189,11 @@ void checkPci(const MachineDescription& description) {
         barChecks.check(function);
         Mistakes::attempt([&] { checkBoard(function); });
     }
-    if (!Mistakes::wereMet()) {
+    if (Mistakes::count() == formerMistakes) {
         Mistakes::attempt([&] { checkWindows(description.pciFunctions); });
     }
     checkPciDrivers(description.pciDrivers);
+    return barChecks.memoryRanges();
 }
 
 class ClassDeviceChecks {
@@ -262,8 +268,7 @@ void validate(const MachineDescription& description) {
     for (const auto& [name, text] : description.systemInformation) {
         requireFileName(name, "a system-information file", {});
     }
-    checkPci(description);
-    checkSoc(description);
+    checkSoc(description, checkPci(description));
     checkGpio(description.gpioChips);
     checkPlatformDevices(description.platformDevices);
     ClassDeviceChecks classDeviceChecks;

@@ -5,6 +5,8 @@
 #include <initializer_list>
 #include <limits>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <yaml-cpp/yaml.h>
 
@@ -34,6 +36,21 @@ std::map<std::uint32_t, std::uint32_t> readRegisters(const YAML::Node& map);
 /** Calls for each entry of a list. */
 void forEach(const YAML::Node& list, const std::string& name,
              const std::function<void(const YAML::Node&)>& readEntry);
+
+/** The entries of a list that were read without a mistake. */
+template <typename Entry>
+std::vector<Entry> readList(const YAML::Node& list, const std::string& name,
+                            const std::function<Entry(const YAML::Node&)>& read) {
+    std::vector<Entry> entries;
+    forEach(list, name, [&](const YAML::Node& node) {
+        const int formerMistakes = Mistakes::count();
+        Entry entry = read(node);
+        if (Mistakes::count() == formerMistakes) {
+            entries.push_back(std::move(entry));
+        }
+    });
+    return entries;
+}
 
 /**
  * One map of a description. Refuses, at its making, whatever is no map or holds a key that it doesn't know.

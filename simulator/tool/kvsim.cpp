@@ -49,9 +49,10 @@ int showRunning() {
 
 int check(const std::string& nameOrPath) {
     const auto file = kvsim::findMachine(nameOrPath);
-    const kvsim::MachineDescription machine = kvsim::readDescription(file);
+    std::vector<kvsim::Hint> hints;
+    const kvsim::MachineDescription machine = kvsim::readDescription(file, hints);
     std::printf("%s: %s\n", file.c_str(), counts(machine).c_str());
-    for (const kvsim::Hint& hint : kvsim::hintsFor(machine)) {
+    for (const kvsim::Hint& hint : hints) {
         kvsim::printMessage(file.string() + ":" + std::to_string(hint.position.line) + ":" +
                             std::to_string(hint.position.column) + ": hint: " + hint.text);
     }

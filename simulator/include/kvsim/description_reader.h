@@ -11,8 +11,8 @@ namespace kvsim {
 
 /**
  * Reads and validates a machine described in YAML. Throws DescriptionError with "FILE:LINE:COLUMN: reason",
- * or "FILE: reason" where the file as a whole is at fault, one line for each mistake. What is wrong with how
- * devices fit together is looked at when each of them is sound.
+ * or "FILE: reason" where the file as a whole is at fault, one line for each mistake. A device with a mistake
+ * is left out of the checks of how devices fit together.
  */
 KVSIM_EXPORT MachineDescription readDescription(const std::filesystem::path& file);
 
@@ -22,8 +22,11 @@ struct Hint {
     Position position;
 };
 
-/** In the order of the description. */
-std::vector<Hint> hintsFor(const MachineDescription& machine);
+/**
+ * As readDescription(file), with hints in the order of the description. What is thrown has them too, as
+ * "FILE:LINE:COLUMN: hint: text" in the order of the file.
+ */
+KVSIM_EXPORT MachineDescription readDescription(const std::filesystem::path& file, std::vector<Hint>& hints);
 
 /**
  * The folders in which machines are looked up by name: those of the environment's KVSIM_MACHINES, separated
