@@ -40,7 +40,7 @@ arm64_fetch() {
 
 arm64_fail() {
     fail "Debian's packages for arm64 can't be fetched: $(first_error "$arm64_log")
-$network_remedy"
+$network_remedy" "$unfetched"
 }
 
 # arm64_unpack FOLDER PACKAGE...: unpacks the packages, and all that they depend on, into the folder. A folder

@@ -7,8 +7,11 @@ program=scripts/$(basename "$0")
 # fail MESSAGE: ends the script.
 fail() {
     printf '%s: %s\n' "$program" "$1" >&2
-    exit 1
+    exit "${2:-1}"
 }
+
+# The exit status of a script that could not fetch what it needs.
+unfetched=75
 
 # use_root WHY: sets as_root to what goes in front of a command that runs as root.
 use_root() {

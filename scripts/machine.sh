@@ -70,7 +70,7 @@ make_base() {
     if ! run_logged "$log" 's/^I: //p' debootstrap --variant=minbase --include=git,ca-certificates,sudo \
         --cache-dir="$downloads/archives" --force-check-gpg "$release" "$base" "$mirror"; then
         fail "debootstrap can't make a system: $(first_error "$log")
-$network_remedy"
+$network_remedy" "$unfetched"
     fi
     copy_apt_settings
     echo force-unsafe-io >"$base/etc/dpkg/dpkg.cfg.d/fast"
