@@ -1,8 +1,6 @@
 // Memory may run out at any allocation: each function of the library then fails as it says, and nothing is
 // thrown into C.
 #include <cerrno>
-#include <cstdlib>
-#include <new>
 
 #include <boost/log/core.hpp>
 #include <gtest/gtest.h>
@@ -17,34 +15,8 @@
 
 #include "equipped_machine.h"
 #include "support/child_process.h"
+#include "support/failing_allocations.h"
 #include "support/machine_test.h"
-
-namespace {
-
-/** How many allocations of the process still succeed; negative for all. */
-int allocationsLeft = -1;
-bool allocationFailed = false;
-
-}  // namespace
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    if (allocationsLeft == 0) {
-        allocationFailed = true;
-        errno = ENOMEM;
-        throw std::bad_alloc();
-    }
-    allocationsLeft -= allocationsLeft > 0 ? 1 : 0;
-    if (void* const memory = std::malloc(size != 0 ? size : 1)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
 
 namespace {
 

@@ -1,37 +1,12 @@
-#include <cstdlib>
-#include <new>
-#include <optional>
+#include <utility>
 
 #include "network_machine.h"
+#include "support/failing_allocations.h"
 
+using kv::test::allocationFailed;
+using kv::test::allocationsLeft;
 using kv::test::kTranslationFile;
 using kvsim::Machine;
-
-namespace {
-
-/** How many allocations still succeed before one fails. */
-std::optional<int> allocationsLeft;
-
-}  // namespace
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    const bool fails = allocationsLeft == 0;
-    if (allocationsLeft) {
-        allocationsLeft = fails ? std::nullopt : std::optional(*allocationsLeft - 1);
-    }
-    if (void* const made = fails ? nullptr : std::malloc(size)) {
-        return made;
-    }
-    throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -51,7 +26,8 @@ TEST_F(ExhaustedMemory, FailsACallAndLeavesNothingBehind) {
             Machine::write(kTranslationFile, "as it was");
             allocationsLeft = n;
             const int result = call();
-            const bool happened = !std::exchange(allocationsLeft, std::nullopt).has_value();
+            allocationsLeft = -1;
+            const bool happened = std::exchange(allocationFailed, false);
             failures += result == -1 ? 1 : 0;
             if (call == kv_translateEthernetInterfaces) {
                 EXPECT_EQ(Machine::read(kTranslationFile),
