@@ -24,15 +24,19 @@ std::array<char, 30> localTimeText() {
     return text;
 }
 
+/** The folder is that of the user brvn, also for a model that runs as root. */
+kv::os::UniqueFd openLog(int flags) {
+    return kv::os::openTrustedFile(kLogFolder, kLogFile, O_WRONLY | O_CREAT | flags,
+                                   kv::os::FolderOf::Anybody);
+}
+
 /** Appends a line. Where the file can only be opened for writing it is created, but the line is lost. */
 void appendLine(const std::string& line) {
-    using kv::os::openTrustedFile;
-    using kv::os::UniqueFd;
-    if (const UniqueFd file = openTrustedFile(kLogFolder, kLogFile, O_WRONLY | O_APPEND | O_CREAT)) {
+    if (const kv::os::UniqueFd file = openLog(O_APPEND)) {
         (void)!::write(file.get(), line.data(), line.size());  // what a full disk does not take is lost
         return;
     }
-    if (const UniqueFd created = openTrustedFile(kLogFolder, kLogFile, O_WRONLY | O_CREAT)) {
+    if (const kv::os::UniqueFd created = openLog(0)) {
         (void)!::ftruncate(created.get(), 0);
     }
 }

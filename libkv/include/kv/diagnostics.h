@@ -54,8 +54,8 @@ KV_EXPORT void kv_printf(Severity severity, const char* msg, ...) KV_PRINTF_LIKE
  *     2024-03-05 14:07:09.000042 [42] [info   ] message
  *
  * with local time, padded severity and two constants. Each call opens and closes the file. The line is lost
- * where the file cannot be appended to (an empty one may be made, or the file emptied), and where file or
- * folder is a link or belongs to another user than root and the effective one.
+ * where the file cannot be appended to (an empty one may be made, or the file emptied), where file or folder
+ * is a link, and where the file belongs to another user than root and the effective one.
  *
  * @param severity  kv_trace to kv_error; not range-checked
  * @param msg       the text of the line, without a newline

@@ -52,7 +52,6 @@ TEST(KvLog, WritesToNoFileThatAnotherUserMayHavePutThere) {
         [&] { return ::link(victim.c_str(), kLogFile) == 0; },
         [&] { return ::mkfifo(kLogFile, 0666) == 0; },
         [&] { return ::rename(victim.c_str(), kLogFile) == 0 && ::chown(kLogFile, 1000, 1000) == 0; },
-        [&] { return ::rename(victim.c_str(), kLogFile) == 0 && ::chown(folder.c_str(), 1000, 1000) == 0; },
         [&] {
             return ::rename(folder.c_str(), "/home/brvn/moved") == 0 &&
                    ::symlink("moved", folder.c_str()) == 0;
@@ -67,6 +66,16 @@ TEST(KvLog, WritesToNoFileThatAnotherUserMayHavePutThere) {
             EXPECT_EQ(kvsim::Machine::read(isFile ? kLogFile : victim), "untouched") << &setUp - setUps;
         }
     }
+}
+
+TEST(KvLog, WritesToItsFileInTheFolderOfAnotherUser) {
+    kvsim::Machine machine;
+    ENTER_MACHINE(machine);
+    if (::chown("/home/brvn/logs", 1000, 1000) != 0) {
+        GTEST_SKIP() << "only root gives folders away";
+    }
+    kv_log(kv_error, "kept");
+    EXPECT_THAT(kvsim::Machine::read(kLogFile), testing::HasSubstr("kept"));
 }
 
 }  // namespace
