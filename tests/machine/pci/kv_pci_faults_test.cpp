@@ -106,9 +106,12 @@ TEST_F(PciFaults, AListOfDevicesThatBreaksOff) {
     EXPECT_EQ(topology(), 1);
     listing.breakNth(1);
     expectFailure(1, "topology with the list of the look-up", topology(), -1);
-    constexpr rlimit kNoMore{0, 0};
-    ::setrlimit(RLIMIT_NOFILE, &kNoMore);
+    rlimit former{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit none{0, former.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     EXPECT_EQ(topology(), -1) << "without a descriptor for it";
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
 }
 
 TEST_F(PciFaults, ADeviceThatVanishesBeforeItIsVisitedHidesNoOther) {
