@@ -174,6 +174,10 @@ TEST_F(SerialPorts, AreOpenedAsRootWithTheFlagsThatAreGiven) {
         EXPECT_EQ(::fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK), flags & (O_ACCMODE | O_NONBLOCK));
         EXPECT_EQ(kv_serial_port_close(2), 0);
     }
+    const int device = kv_serial_device_open(2);
+    ASSERT_GE(device, 0) << testing::PrintToString(log_.take());
+    EXPECT_EQ(::fcntl(device, F_GETFD), 0);
+    EXPECT_EQ(::fcntl(device, F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
     EXPECT_EQ(::geteuid(), brevane::test::kNobody);
 }
 
