@@ -13,6 +13,7 @@
 
 #include <kv/threads.h>
 
+#include "os/kept_errno.h"
 #include "support/emulator.h"
 #include "unit/brevane/process.h"
 #include "unit/runtime/threads.h"
@@ -36,10 +37,11 @@ Cpus affinityOf(pid_t thread) {
     return cpus;
 }
 
-/** A thread that does something once and then stays. */
+/** A thread that does something once and then stays. Waiting for it leaves errno alone. */
 class Bystander {
  public:
     explicit Bystander(std::function<void()> prepare = [] {}) {
+        const kv::os::KeptErrno kept;
         std::promise<pid_t> started;
         auto id = started.get_future();
         thread_ = std::thread([&started, prepare = std::move(prepare), leave = leave_.get_future()] {
@@ -50,6 +52,7 @@ class Bystander {
         id_ = id.get();
     }
     ~Bystander() {
+        const kv::os::KeptErrno kept;
         leave_.set_value();
         thread_.join();
     }
