@@ -195,7 +195,8 @@ bool lookAfter(Remains remains, const KeepFolder& keep) {
     }
     const std::vector<pid_t> processes = processesLeftOn(remains.mountNamespace);
     if (::geteuid() != 0) {
-        // There this user is root, who reads files whose mode forbids it. Without it they are left out.
+        // Root of that namespace may read files of any mode. If the call fails, unreadable files are left
+        // out.
         (void)::setns(remains.userNamespace.get(), CLONE_NEWUSER);
     }
     bool isKept = true;

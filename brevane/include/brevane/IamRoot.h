@@ -16,7 +16,7 @@ namespace brevane {
  * the scope. Objects nest; the rights drop with the outermost one, which must be destroyed by the thread that
  * made it. The effective user, the effective capabilities and, once no thread of the process is raised any
  * more, the process's dumpable flag are then as before. Where the thread is root already, or may not become
- * root, nothing happens: the privileged call itself then tells what is missing. errno is left alone. A thread
+ * root, nothing happens, and the privileged call itself fails with the reason. errno is left alone. A thread
  * that can't drop root again ends the process.
  */
 class BREVANE_EXPORT IamRoot {

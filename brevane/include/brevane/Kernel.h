@@ -73,7 +73,7 @@ struct Model {
     bool (*awaitTrigger)(std::chrono::milliseconds timeout, Trigger& trigger) = nullptr;
     /**
      * Optional: names the device that awaitTrigger waits for, such as "timer of board 1 (/dev/uio2)". Asked
-     * on the base-rate thread once the model is initialised; the text is copied. Null is no name.
+     * on the base-rate thread once the model is initialised; the text is copied. Null: unnamed.
      */
     const char* (*triggerDevice)() = nullptr;
     /**

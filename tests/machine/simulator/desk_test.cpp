@@ -45,16 +45,16 @@ int inChild(const std::function<int()>& action) {
 }
 
 /** What one program leaves behind in each folder of a machine. */
-constexpr const char* kLeftBehind[] = {"/usr/kelvaro/kv-desk-test", "/home/brvn/logs/kv-desk-test",
-                                       "/tmp/kelvaro/kv-desk-test", "/dev/shm/kv-desk-test",
-                                       "/dev/kv-desk-test",         "/run/kv-desk-test",
-                                       "/sys/class/kv-desk-test",   "/proc/irq/kv-desk-test"};
+constexpr const char* kLeftBehind[] = {"/usr/kelvaro/kv-host-test", "/home/brvn/logs/kv-host-test",
+                                       "/tmp/kelvaro/kv-host-test", "/dev/shm/kv-host-test",
+                                       "/dev/kv-host-test",         "/run/kv-host-test",
+                                       "/sys/class/kv-host-test",   "/proc/irq/kv-host-test"};
 
 /**
- * The desk's mounts, its folders that got entries on the machine, and what of a machine's files shows. What
- * machines are mounted on comes and goes with those of other tests.
+ * The host's mounts, the entries of /usr and /home, and files of a machine that are visible on the host.
+ * Mount points of machines are left out: other tests create and remove them.
  */
-std::set<std::string> deskState() {
+std::set<std::string> hostState() {
     std::set<std::string> state = {Machine::read("/proc/self/mountinfo")};
     for (const char* folder : {"/usr", "/home"}) {
         for (const auto& entry : fs::directory_iterator(folder)) {
@@ -93,13 +93,13 @@ int leaveFilesBehind() {
 }
 
 TEST(Desk, IsAsBeforeWhenAMachineIsGone) {
-    const std::set<std::string> before = deskState();
+    const std::set<std::string> before = hostState();
     const int status = inChild(leaveFilesBehind);
     if (status == kUnavailable) {
         GTEST_SKIP() << "no machine for this user";
     }
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(deskState(), before);
+    EXPECT_EQ(hostState(), before);
 }
 
 TEST(Desk, KeepsItsFilesOnTheMachine) {
@@ -164,9 +164,9 @@ TEST(Desk, GivesAnOrdinaryUserAMachineOnWhichHeIsRoot) {
         GTEST_SKIP() << "ordinary users may make no namespaces here";
     }
     EXPECT_EQ(status, 0);
-    const std::set<std::string> before = deskState();
+    const std::set<std::string> before = hostState();
     EXPECT_EQ(asNobody(leaveFilesBehind), 0);
-    EXPECT_EQ(deskState(), before);
+    EXPECT_EQ(hostState(), before);
 }
 
 }  // namespace
